@@ -1,0 +1,30 @@
+// Scrambled configuration files.
+//
+// Some package description files are stored scrambled byte by byte (rotate left
+// by 3, then XOR 0x6B). Before any of them is read as an INI file it is turned
+// into a clear copy, which is then read with QSettings. The producer side
+// (encryptFile) is used by the package tools that build sticks.
+#pragma once
+
+#include <QString>
+
+enum CRYPT_TYPE {
+    CRYPT_WITH_MARK = 0, // the clear content must carry "#" as its fourth byte
+    CRYPT_NO_MARK = 1,   // no mark test
+};
+
+class QSettingsFactory
+{
+public:
+    // Writes the clear form of `source` to `target` (truncated). False when a
+    // file cannot be opened or, for an even `type`, the first chunk's fourth
+    // clear byte is not "#" (the target is then left empty). A short read ends
+    // the conversion with true.
+    static bool decryptFile(const QString& source, const QString& target, CRYPT_TYPE type);
+
+    // Writes the scrambled form of `source` to `target`: the inverse transform.
+    static bool encryptFile(const QString& source, const QString& target);
+
+    static unsigned char decryptByte(unsigned char b);
+    static unsigned char encryptByte(unsigned char b);
+};

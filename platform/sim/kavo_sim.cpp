@@ -1,0 +1,1 @@
+// The simulated panel: filled in by the platform work.

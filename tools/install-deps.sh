@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the package needs to build, test and run its demo.
+# Only what is missing is installed; a machine that has everything is not touched.
+set -euo pipefail
+
+packages=(
+    cmake g++ make pkg-config
+    qtbase5-dev zlib1g-dev
+    xvfb xauth xdotool fonts-wqy-microhei      # screens rendered and driven headless, with a CJK font
+    libc6-armhf-cross libc6-armel-cross        # real ARM C libraries for the platform-code reader
+)
+
+missing=()
+for package in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$package")
+    fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=()
+[ "$(id -u)" -ne 0 ] && sudo=(sudo)
+echo "Installing: ${missing[*]}"
+"${sudo[@]}" apt-get update -qq
+DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
