@@ -1,4 +1,6 @@
-int main()
+#include "app/runmodes.h"
+
+int main(int argc, char* argv[])
 {
-    return 0;
+    return runmodes::startPackage(argc, argv);
 }

@@ -1,30 +1,70 @@
 #include "platform/platform.h"
 
+#include <QByteArray>
 #include <QDir>
 #include <QFile>
 
 namespace platform {
+namespace {
+
+// KAVO_PANEL_ROOT as bytes, made absolute and without trailing "/" ("/" alone
+// thus means the real root, like an empty value). A relative value is taken
+// from the working directory at its first use: the package changes its working
+// directory later, and the panel must not move with it. The value is looked up
+// on every call so that a test can switch panels; GUI thread only.
+QByteArray rootBytes()
+{
+    static bool s_resolved = false;
+    static QByteArray s_value;
+    static QByteArray s_root;
+    const QByteArray value = qgetenv("KAVO_PANEL_ROOT");
+    if (!s_resolved || value != s_value) {
+        s_resolved = true;
+        s_value = value;
+        QByteArray root = value;
+        if (!root.isEmpty() && !root.startsWith('/'))
+            root = QFile::encodeName(QDir::currentPath()) + '/' + root;
+        while (root.endsWith('/'))
+            root.chop(1);
+        s_root = root;
+    }
+    return s_root;
+}
+
+// "/proc" is the running system's own, never the simulated panel's. The test is
+// on the cleaned path, so that "//proc/self/exe" is recognised too.
+bool isProcPath(const QString& path)
+{
+    const QString clean = QDir::cleanPath(path);
+    return clean == QLatin1String("/proc") || clean.startsWith(QLatin1String("/proc/"));
+}
+
+} // namespace
 
 QString panelRoot()
 {
-    return QFile::decodeName(qgetenv("KAVO_PANEL_ROOT"));
+    return QFile::decodeName(rootBytes());
 }
 
+// The path is prefixed as it is, not cleaned: a destination ending in "/" keeps
+// its "/", and "//tmp//update.ini" keeps its doubled separators.
 QString panelPath(const QString& path)
 {
-    const QString root = panelRoot();
-    if (root.isEmpty() || !path.startsWith(QLatin1Char('/')))
+    if (!path.startsWith(QLatin1Char('/')) || isProcPath(path))
         return path;
-    if (path == QLatin1String("/proc") || path.startsWith(QLatin1String("/proc/")))
+    const QByteArray root = rootBytes();
+    if (root.isEmpty())
         return path;
-    return root + path;
+    return QFile::decodeName(root) + path;
 }
 
 std::string panelPath(const char* path)
 {
     if (path == nullptr)
         return std::string();
-    return panelPath(QString::fromUtf8(path)).toUtf8().toStdString();
+    if (path[0] != '/' || isProcPath(QString::fromUtf8(path)))
+        return path;
+    return rootBytes().toStdString() + path;
 }
 
 void preparePanelRoot()

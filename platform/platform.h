@@ -13,11 +13,17 @@
 namespace platform {
 
 // KAVO_PANEL_ROOT + path for an absolute panel-side path when the variable is
-// set and not empty; "/proc" paths, relative paths and empty texts unchanged.
+// set and not empty; "/proc" paths (also spelled "//proc/..."), relative paths
+// and empty texts unchanged. The path itself is not cleaned: a trailing "/"
+// and doubled separators stay. Call it once per path, where the path enters
+// the program: a relocated path would be relocated again. The char overload
+// works on UTF-8 bytes and gives "" for nullptr.
 QString panelPath(const QString& path);
 std::string panelPath(const char* path);
 
-// The panel root in use ("" on the panel itself).
+// The panel root in use: KAVO_PANEL_ROOT made absolute (a relative value
+// against the working directory of its first use) and without trailing "/";
+// "" on the panel itself.
 QString panelRoot();
 
 // Creates the directories that a simulated panel writes into ("/tmp", "/var/run")
@@ -25,7 +31,12 @@ QString panelRoot();
 void preparePanelRoot();
 
 // Restarts the panel as reboot(RB_AUTOBOOT) would: on success it does not
-// return; on failure it returns -1 with errno set.
+// return; on failure it returns -1 with errno set. On a simulated panel it
+// never restarts the machine: it records the line "reboot" in
+// ROOT/var/run/reboot-requested and ends the process with status 0 (no
+// destructors or exit handlers run, as on a real reboot; stdio is flushed).
+// KAVO_SIM_REBOOT_ERRNO=N makes it fail with errno N; an unwritable record
+// makes it fail with that write's errno.
 int rebootPanel();
 
 } // namespace platform

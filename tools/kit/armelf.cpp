@@ -42,7 +42,23 @@ QByteArray cpuName(int cpuArch)
     }
 }
 
-QByteArray attributesSection(int cpuArch)
+void putSectionHeader(QByteArray& out, quint32 name, quint32 type, quint32 offset, quint32 size)
+{
+    put32(out, name);
+    put32(out, type);
+    put32(out, 0); // flags
+    put32(out, 0); // addr
+    put32(out, offset);
+    put32(out, size);
+    put32(out, 0); // link
+    put32(out, 0); // info
+    put32(out, type == 0 ? 0 : 1); // addralign; the null section has none
+    put32(out, 0); // entsize
+}
+
+} // namespace
+
+QByteArray armAttributesSection(int cpuArch)
 {
     QByteArray attrs;
     attrs.append(char(5)); // Tag_CPU_name
@@ -69,27 +85,15 @@ QByteArray attributesSection(int cpuArch)
     return section;
 }
 
-void putSectionHeader(QByteArray& out, quint32 name, quint32 type, quint32 offset, quint32 size)
+QByteArray armElfImage(int cpuArch)
 {
-    put32(out, name);
-    put32(out, type);
-    put32(out, 0); // flags
-    put32(out, 0); // addr
-    put32(out, offset);
-    put32(out, size);
-    put32(out, 0); // link
-    put32(out, 0); // info
-    put32(out, 1); // addralign
-    put32(out, 0); // entsize
+    return armElfImageWithSection(armAttributesSection(cpuArch));
 }
 
-} // namespace
-
-QByteArray armElfImage(int cpuArch)
+QByteArray armElfImageWithSection(const QByteArray& attributes, quint32 sectionType)
 {
     const quint32 kHeaderSize = 52;
     const quint32 kSectionHeaderSize = 40;
-    const QByteArray attributes = attributesSection(cpuArch);
     const QByteArray names = QByteArray("\0.ARM.attributes\0.shstrtab\0", 27);
     const quint32 attributesOffset = kHeaderSize;
     const quint32 namesOffset = attributesOffset + quint32(attributes.size());
@@ -121,7 +125,7 @@ QByteArray armElfImage(int cpuArch)
     image.append(QByteArray(int(sectionHeadersOffset) - image.size(), '\0'));
 
     putSectionHeader(image, 0, 0, 0, 0);
-    putSectionHeader(image, 1, 0x70000003 /* SHT_ARM_ATTRIBUTES */, attributesOffset, quint32(attributes.size()));
+    putSectionHeader(image, 1, sectionType, attributesOffset, quint32(attributes.size()));
     putSectionHeader(image, 17, 3 /* SHT_STRTAB */, namesOffset, quint32(names.size()));
     return image;
 }
@@ -133,7 +137,7 @@ bool writeArmElf(const QString& path, int cpuArch)
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
     const QByteArray image = armElfImage(cpuArch);
-    return file.write(image) == image.size();
+    return file.write(image) == image.size() && file.flush();
 }
 
 } // namespace kit

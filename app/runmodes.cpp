@@ -1,0 +1,130 @@
+#include "app/runmodes.h"
+
+#include "frame/no_menu_decoration.h"
+#include "frame/screensetting.h"
+#include "frame/winsize.h"
+#include "log/clogger.h"
+#include "platform/platform.h"
+#include "text/multilingualmanager.h"
+
+#include <QApplication>
+#include <QFont>
+#include <QIcon>
+#include <QMessageBox>
+#include <QPushButton>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+namespace runmodes {
+
+namespace {
+
+QString text(int id)
+{
+    return MultilingualManager::GetInstance()->getMultilingualValue(id);
+}
+
+QStringList commandLineArguments(int argc, char* argv[])
+{
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    return arguments;
+}
+
+void setApplicationFont(QApplication& app, int deviceWidth)
+{
+    QFont font(QStringLiteral("宋体"));
+    font.setPixelSize(deviceWidth <= kSmallScreenMaxWidth ? 12 : 16);
+    app.setFont(font);
+}
+
+} // namespace
+
+int startPackage(int argc, char* argv[])
+{
+    startup::setUtf8Codec();
+    platform::preparePanelRoot();
+
+    // The package is always a client of the panel's display server, never one
+    // itself, whatever it was started with.
+    std::vector<char*> clientArgv = startup::removeQwsArguments(argc, argv);
+    int clientArgc = static_cast<int>(clientArgv.size()) - 1;
+
+    startup::stopOtherCopies();
+
+    startup::StartupOptions options;
+    QString exePath;
+    options.exePathLength = startup::readExecutablePath(exePath);
+    if (options.exePathLength < 0) {
+        std::printf("opxupdateu_proj get exepath failed:%s\n", std::strerror(errno));
+        std::fflush(stdout);
+        return -1;
+    }
+    options.exeDir = startup::directoryOf(exePath);
+
+    startup::ensureDisplayServer(options.exeDir);
+
+    QApplication app(clientArgc, clientArgv.data());
+    initKavoResources();
+
+    const int deviceWidth = ScreenSetting::deviceWidth();
+    selectWinSize(deviceWidth);
+    setApplicationFont(app, deviceWidth);
+    QApplication::setWindowIcon(QIcon());
+
+    no_menu_decoration decoration;
+    app.installEventFilter(&decoration);
+
+    kavo_process::setMulLanguage(std::bind(&MultilingualManager::getMultilingualValue,
+                                           MultilingualManager::GetInstance(), std::placeholders::_1));
+
+    startup::parseOptions(commandLineArguments(argc, argv), options);
+    options.resultDir = startup::buildReportPath(options.resultDir, options.exeDir);
+    startup::loadLanguage(options);
+
+    if (options.haveProject) {
+        if (options.projectResult != 0)
+            return runResumeFailed(options.exePathLength);
+        return runResumeDownload(options);
+    }
+    if (options.haveDirect)
+        return runDirectDownload(options);
+    return runStartNote(options);
+}
+
+int runStartNote(const startup::StartupOptions& options)
+{
+    Q_UNUSED(options);
+    return 0;
+}
+
+int runDirectDownload(const startup::StartupOptions& options)
+{
+    CLogger* logger = CLogger::GetInstance();
+    logger->close();
+    if (!options.resultDir.isEmpty())
+        logger->open(options.resultDir);
+    logger->writeReport(text(2105));
+    return 0;
+}
+
+int runResumeDownload(const startup::StartupOptions& options)
+{
+    Q_UNUSED(options);
+    return 0;
+}
+
+int runResumeFailed(int exePathLength)
+{
+    QMessageBox box(QMessageBox::Information, text(1001), text(2081), QMessageBox::Ok);
+    box.setWindowFlags((box.windowFlags() & ~Qt::WindowContextHelpButtonHint) | Qt::WindowStaysOnTopHint);
+    box.button(QMessageBox::Ok)->setText(text(1003));
+    box.exec();
+    return exePathLength;
+}
+
+} // namespace runmodes
