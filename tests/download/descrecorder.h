@@ -1,0 +1,37 @@
+// A download without a screen for the description and compatibility tests: it
+// records what the routines say, in order, as "text: ..." (text pane) and
+// "fail: ..." (failure report) lines.
+#pragma once
+
+#include "download/projectdownload.h"
+#include "text/multilingualmanager.h"
+
+#include <QStringList>
+
+class RecordingDownload : public ProjectDownload
+{
+public:
+    RecordingDownload()
+        : ProjectDownload(QString(), QStringLiteral("0"))
+    {
+    }
+
+    QStringList events;
+
+protected:
+    void setTextEditContent(const QString& text) override { events << QStringLiteral("text: ") + text; }
+    void resetUpgrageUI(const QString& text) override { events << QStringLiteral("fail: ") + text; }
+    void setBntEnable(bool, bool, bool) override { events << QStringLiteral("buttons"); }
+    bool askYesNo(QuestionIcon, const QString&, const QString& text) override
+    {
+        events << QStringLiteral("ask: ") + text;
+        return false;
+    }
+};
+
+// The built-in text table, as the package loads it at start.
+inline bool loadBuiltinTexts()
+{
+    initKavoResources();
+    return MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile);
+}

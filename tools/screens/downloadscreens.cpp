@@ -1,0 +1,117 @@
+// Renders the download dialog in three states (idle, running, failed) on a
+// made-up stick and saves each as a PNG, once as the dialog alone and once as
+// the whole screen.
+//
+//   download_screens OUTDIR
+//
+// Writes OUTDIR/download-{idle,running,failed}.png and
+// OUTDIR/screen-{idle,running,failed}.png. The dialog takes the size class of
+// the real screen, as on the panel.
+#include "download/dlgdownload.h"
+#include "frame/screensetting.h"
+#include "frame/winsize.h"
+#include "text/multilingualmanager.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QFont>
+#include <QPushButton>
+#include <QScreen>
+#include <QTemporaryDir>
+#include <QEventLoop>
+#include <QTimer>
+
+#include <cstdio>
+
+namespace {
+
+QString msg(int id)
+{
+    return MultilingualManager::GetInstance()->getMultilingualValue(id);
+}
+
+bool makeProject(const QString& root, const QString& contextPath)
+{
+    const QString path = root + QLatin1Char('/') + contextPath;
+    if (!QDir().mkpath(path.left(path.lastIndexOf(QLatin1Char('/')))))
+        return false;
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly);
+}
+
+// Lets the window system show and paint what changed.
+void settle()
+{
+    QEventLoop loop;
+    QTimer::singleShot(300, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+bool save(dlgDownLoad& dialog, const QString& outDir, const QString& state)
+{
+    settle();
+    const QString dialogFile = outDir + QStringLiteral("/download-") + state + QStringLiteral(".png");
+    const QString screenFile = outDir + QStringLiteral("/screen-") + state + QStringLiteral(".png");
+    if (!dialog.grab().save(dialogFile))
+        return false;
+    if (!dialog.screen()->grabWindow(0).save(screenFile))
+        return false;
+    std::printf("%s\n%s\n", qPrintable(dialogFile), qPrintable(screenFile));
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QApplication app(argc, argv);
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: download_screens OUTDIR\n");
+        return 2;
+    }
+    const QString outDir = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
+    QDir().mkpath(outDir);
+
+    initKavoResources();
+    if (!MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
+        std::fprintf(stderr, "download_screens: no text table\n");
+        return 1;
+    }
+
+    // The screen class and the application font as the package chooses them.
+    const bool small = ScreenSetting::isSmallScreen();
+    selectWinSize(ScreenSetting::deviceWidth());
+    QFont font(QStringLiteral("宋体"));
+    font.setPixelSize(small ? 12 : 16);
+    QApplication::setFont(font);
+
+    QTemporaryDir stick;
+    if (!stick.isValid() || !makeProject(stick.path(), QStringLiteral("生产线A/v7/context.dat"))
+        || !makeProject(stick.path(), QStringLiteral("packing_line_2/context.dat"))
+        || !makeProject(stick.path(), QStringLiteral("test-station-with-a-long-name/v5/context.dat"))
+        || !makeProject(stick.path(), QStringLiteral("opxupdateu/context.dat")) || !QDir::setCurrent(stick.path())) {
+        std::fprintf(stderr, "download_screens: cannot build the stick\n");
+        return 1;
+    }
+
+    dlgDownLoad dialog(QStringLiteral("/usr/kavo_app/project"), QStringLiteral("0"));
+    dialog.show();
+    if (!save(dialog, outDir, QStringLiteral("idle")))
+        return 1;
+
+    dialog.setBntEnable(false, true, false);
+    for (int id : {2011, 2021, 2112, 2114, 2117, 2118, 2022, 2028, 2035, 2039, 2044})
+        dialog.setTextEditContent(msg(id));
+    dialog.setWindowTitle(msg(2043).arg(dialog.m_projectName));
+    if (!save(dialog, outDir, QStringLiteral("running")))
+        return 1;
+
+    dialog.setWindowTitle(dialog.m_projectName);
+    dialog.findChild<QPushButton*>(QStringLiteral("btnRestart"))->setText(msg(2010));
+    dialog.setTextEditContent(msg(2014));
+    dialog.resetUpgrageUI(msg(2020));
+    if (!save(dialog, outDir, QStringLiteral("failed")))
+        return 1;
+    return 0;
+}
