@@ -1,9 +1,11 @@
 #include "app/runmodes.h"
 
+#include "download/dlgdownload.h"
 #include "frame/no_menu_decoration.h"
 #include "frame/screensetting.h"
 #include "frame/winsize.h"
 #include "log/clogger.h"
+#include "platform/kavo_api.h"
 #include "platform/platform.h"
 #include "text/multilingualmanager.h"
 
@@ -12,11 +14,13 @@
 #include <QIcon>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QTimer>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <memory>
 
 namespace runmodes {
 
@@ -40,6 +44,30 @@ void setApplicationFont(QApplication& app, int deviceWidth)
     QFont font(QStringLiteral("宋体"));
     font.setPixelSize(deviceWidth <= kSmallScreenMaxWidth ? 12 : 16);
     app.setFont(font);
+}
+
+// The download dialog of the direct and resume modes.
+std::unique_ptr<dlgDownLoad> downloadDialog(const startup::StartupOptions& options)
+{
+    return std::make_unique<dlgDownLoad>(QString(Kavo_GetDirectory(3)), options.lanId);
+}
+
+// A widget of the dialog's form, by its object name.
+QWidget* part(dlgDownLoad& dialog, const char* name)
+{
+    return dialog.findChild<QWidget*>(QLatin1String(name));
+}
+
+// Runs `dialog` modally, then the event loop. A successful download leaves its
+// reboot countdown running, and the event loop keeps it going until the reboot
+// ends the process. Otherwise the dialog was the last window: the loop has
+// nothing left to wait for and ends at once.
+int runDownload(dlgDownLoad& dialog)
+{
+    dialog.exec();
+    if (!dialog.isCountingDown())
+        QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+    return QApplication::exec();
 }
 
 } // namespace
@@ -109,13 +137,28 @@ int runDirectDownload(const startup::StartupOptions& options)
     if (!options.resultDir.isEmpty())
         logger->open(options.resultDir);
     logger->writeReport(text(2105));
-    return 0;
+
+    // Unattended: no list to choose from and no buttons to press.
+    std::unique_ptr<dlgDownLoad> dialog = downloadDialog(options);
+    dialog->setDirectMode(true);
+    for (const char* name : {"label_2", "listView", "btnStart", "btnStop", "btnRestart"})
+        part(*dialog, name)->hide();
+    dialog->setProjectName(options.projectArg);
+    return runDownload(*dialog);
 }
 
 int runResumeDownload(const startup::StartupOptions& options)
 {
-    Q_UNUSED(options);
-    return 0;
+    // The operator chose the project before the runtime update; the buttons
+    // stay in sight but cannot start another run.
+    std::unique_ptr<dlgDownLoad> dialog = downloadDialog(options);
+    dialog->setResumeMode(true);
+    for (const char* name : {"label_2", "listView"})
+        part(*dialog, name)->hide();
+    for (const char* name : {"btnStart", "btnStop", "btnRestart"})
+        part(*dialog, name)->setEnabled(false);
+    dialog->setProjectName(options.projectArg);
+    return runDownload(*dialog);
 }
 
 int runResumeFailed(int exePathLength)

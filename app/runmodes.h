@@ -23,11 +23,17 @@ int runStartNote(const startup::StartupOptions& options);
 
 // Unattended download of options.projectArg: starts the result report at
 // options.resultDir with the start marker (message 2105), then runs the
-// download. Returns the event loop's result.
+// download dialog without its list and buttons, modally, and the event loop.
+// Returns the event loop's result once the dialog has closed; after a
+// successful download the reboot at the end of the countdown ends the process
+// instead.
 int runDirectDownload(const startup::StartupOptions& options);
 
 // The runtime updater came back with success: the download of
-// options.projectArg goes on. Returns the event loop's result.
+// options.projectArg goes on in the download dialog, run modally with its
+// list hidden and its buttons disabled, then the event loop. Returns the event
+// loop's result once the dialog has closed (the reboot usually ends the
+// process first).
 int runResumeDownload(const startup::StartupOptions& options);
 
 // The runtime updater reported a failure: shows message 2081 in an

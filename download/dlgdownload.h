@@ -48,6 +48,13 @@ public:
     void setResumeMode(bool on);
     // The project to download; the window title follows it.
     void setProjectName(const QString& name);
+    // The package root the download works in: the stick directory that holds
+    // "opxupdateu" and the projects. Unset, it is the parent of the
+    // executable's own directory; a dialog run outside a package (the tests)
+    // names its own.
+    void setPackageRoot(const QString& root);
+    // True while the reboot countdown of a successful download runs.
+    bool isCountingDown() const;
 
     // Start is enabled when `start` is true or a stop was requested (after a
     // stop, starting again is always offered); stop and restart follow their
@@ -88,6 +95,16 @@ protected:
 private:
     // The download sequence (downloadsequence.cpp).
     void runSequence();
+    // The package root the sequence changes into.
+    QString packageRoot() const;
+    // Ends the run with `text` as the failure report.
+    void failWith(const QString& text);
+    // Ends the run of a package that cannot be trusted (message 2020); the
+    // restart button then quits.
+    void failPackage();
+    // Ends the run with message `id` once the download has begun (title set to
+    // the progress text): the title goes back to the project name.
+    void failDownload(int id);
 
     // Directories of the working directory that hold a project, newest first.
     static QStringList findProjects();
@@ -102,4 +119,5 @@ private:
     std::unique_ptr<WinBackground> m_background;
     QScreen* m_screen = nullptr;               // the screen that decides the size class
     QStringListModel* m_projectModel = nullptr; // owned through the dialog
+    QString m_packageRoot;                     // empty: found from the executable
 };

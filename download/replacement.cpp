@@ -1,0 +1,161 @@
+// Project replacement: the old project's data directory and the fonts the new
+// project does not bring are deleted, then every listed package file is copied
+// to its destination on the panel.
+#include "download/projectdownload.h"
+
+#include "app/constants.h"
+#include "platform/kavo_api.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+// Events are processed and the stop flag tested after each block, so that the
+// screen stays alive and a stop is seen within 1024 bytes.
+constexpr qint64 kCopyBlock = 1024;
+
+constexpr QDir::Filters kAllEntries =
+    QDir::Files | QDir::AllDirs | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+
+// The fonts of the panel itself, which no project brings.
+bool isSystemFont(const QString& name)
+{
+    return name == QLatin1String("simsun.ttf") || name == QLatin1String("fontdir");
+}
+
+// True when `a` and `b` name the same file: the same path once made absolute,
+// or, when both exist, the same file behind links.
+bool samePath(const QString& a, const QString& b)
+{
+    const QFileInfo first(a);
+    const QFileInfo second(b);
+    if (QDir::cleanPath(first.absoluteFilePath()) == QDir::cleanPath(second.absoluteFilePath()))
+        return true;
+    const QString canonical = first.canonicalFilePath();
+    return !canonical.isEmpty() && canonical == second.canonicalFilePath();
+}
+
+} // namespace
+
+bool ProjectDownload::removeDir(const QString& path)
+{
+    QDir dir(path);
+    if (!dir.exists())
+        return true;
+
+    const QFileInfoList entries = dir.entryInfoList(kAllEntries, QDir::DirsFirst);
+    for (const QFileInfo& entry : entries) {
+        // A link is removed as the link: following one to a directory would
+        // empty a tree outside the one being removed.
+        const bool ok = entry.isDir() && !entry.isSymLink() ? removeDir(entry.absoluteFilePath())
+                                                            : QFile::remove(entry.absoluteFilePath());
+        if (!ok)
+            return false;
+    }
+    return QDir().rmdir(path);
+}
+
+bool ProjectDownload::removeOldProjectFiles()
+{
+    if (m_stop)
+        return false;
+
+    setTextEditContent(msg(2051));
+
+    if (!removeDir(m_dataDir)) {
+        sync();
+        return false;
+    }
+    sync();
+
+    // Fonts are shared by all projects: only those the new project brings
+    // again may go, besides the panel's own.
+    const QDir fontDir(QString::fromUtf8(Kavo_GetDirectory(7)));
+    if (fontDir.exists()) {
+        const QFileInfoList entries = fontDir.entryInfoList(kAllEntries, QDir::DirsFirst);
+        for (const QFileInfo& entry : entries) {
+            if (!entry.isFile())
+                continue;
+            const QString name = entry.fileName();
+            if (isSystemFont(name))
+                continue;
+            const bool listed = std::any_of(m_fileList.cbegin(), m_fileList.cend(),
+                                            [&name](const FILE_INFO& info) { return info.fileName == name; });
+            if (listed)
+                continue;
+            if (!QFile::remove(entry.absoluteFilePath())) {
+                sync();
+                return false;
+            }
+        }
+    }
+
+    const bool created = QDir().mkdir(m_dataDir);
+    sync();
+    return created;
+}
+
+bool ProjectDownload::updateProjectFile()
+{
+    if (m_stop)
+        return false;
+
+    for (const FILE_INFO& info : qAsConst(m_fileList)) {
+        // The package keeps user files under "DownLoadFile/"; on the panel they
+        // lie directly under their destination.
+        const QString relative =
+            info.fileName.startsWith(downFileDir) ? info.fileName.mid(downFileDir.size() + 1) : info.fileName;
+        const QString source = info.srcPath + info.fileName;
+        const QString destination = info.desPath + relative;
+
+        QDir().mkpath(info.desPath);
+        printf("src:%s dst:%s-------------------------\n", source.toUtf8().constData(),
+               destination.toUtf8().constData());
+
+        if (info.fileName.isEmpty())
+            continue;
+
+        // A file that is already in place is not written again: a repeated
+        // download of an unchanged project then costs only the reading. A
+        // missing destination is never in place, not even for an empty file,
+        // whose listed checksum is the 0 that an unreadable file yields.
+        unsigned int crc = 0;
+        const bool present = CalcFileCrc(destination.toStdString(), crc);
+        if (samePath(source, destination) || (present && QString::number(crc, 16).toUpper() == info.crc))
+            continue;
+
+        QFile in(source);
+        if (!in.open(QIODevice::ReadOnly)) {
+            setBntEnable(false, false, true);
+            setTextEditContent(msg(2054));
+            return false;
+        }
+        // User files may lie in subdirectories of their destination
+        // ("DownLoadFile/x/y.dat" goes to desPath + "x/y.dat"), which the
+        // panel does not have yet. A destination that still cannot be written
+        // shows up in the verification that follows the copy.
+        QDir().mkpath(QFileInfo(destination).absolutePath());
+        QFile out(destination);
+        out.open(QIODevice::WriteOnly | QIODevice::Truncate);
+
+        char block[kCopyBlock];
+        for (;;) {
+            const qint64 count = in.read(block, kCopyBlock);
+            if (count <= 0)
+                break;
+            if (out.isOpen())
+                out.write(block, count);
+            QCoreApplication::processEvents();
+            if (m_stop)
+                return false;
+        }
+    }
+    return true;
+}

@@ -1,0 +1,49 @@
+// The stick's runtime updater, started by the download with
+// "-project ROOT/ NAME" "-product P" "-lanID L". It replaces the panel's
+// runtime by the project's runtime copy and starts the package again in
+// resume mode, telling it with "-project 0 NAME" or "-project 1 NAME" whether
+// the runtime was updated.
+#include "helper/runtimeupdater.h"
+#include "platform/platform.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication app(argc, argv);
+    platform::preparePanelRoot();
+
+    runtimeupdater::Arguments arguments = runtimeupdater::parseArguments(app.arguments().mid(1));
+    if (arguments.project.isEmpty()) {
+        std::fprintf(stderr, "usage: opxupdateu_helper.bin \"-project ROOT/ NAME\" \"-product PRODUCT\" "
+                             "\"-lanID LANGUAGE\"\n");
+        return 2;
+    }
+    // Without the root the package could not even be told of the failure;
+    // the helper's own place on the stick names it as well.
+    if (arguments.rootSlash.isEmpty()) {
+        arguments.rootSlash = runtimeupdater::packageRootOfHelper(QCoreApplication::applicationDirPath());
+        std::fprintf(stderr, "opxupdateu_helper: no package root given, using %s\n",
+                     arguments.rootSlash.toLocal8Bit().constData());
+    }
+
+    QString error;
+    bool updated = false;
+    if (!arguments.complete())
+        error = QStringLiteral("incomplete arguments: ") + app.arguments().mid(1).join(QLatin1Char('|'));
+    else
+        updated = runtimeupdater::updateRuntime(arguments, error);
+    if (updated)
+        std::fprintf(stderr, "opxupdateu_helper: runtime updated\n");
+    else
+        std::fprintf(stderr, "opxupdateu_helper: runtime not updated: %s\n", error.toLocal8Bit().constData());
+
+    if (!runtimeupdater::startPackage(arguments.rootSlash, arguments.project, updated, arguments.lanId)) {
+        std::fprintf(stderr, "opxupdateu_helper: cannot start %sopxupdateu/opxupdateu_proj.bin\n",
+                     arguments.rootSlash.toLocal8Bit().constData());
+        return 1;
+    }
+    return 0;
+}
