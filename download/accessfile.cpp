@@ -12,6 +12,8 @@
 namespace AccessFile {
 
 int64_t _s_fileTotalSize = 0;
+CopyBuffer _s_accessFile;
+char* _s_sumCodeBuf = nullptr;
 
 int calFileSizeSum(const char* /*path*/, const struct stat64* info, int flag)
 {

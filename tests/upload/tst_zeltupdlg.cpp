@@ -1,0 +1,438 @@
+// The upload dialog on a simulated panel and stick: its form, the text pane
+// line by line for good and failing uploads, the files left on the stick, the
+// question before an earlier upload is replaced, the buttons and the main
+// window it hands back.
+#include "upload/zeltupdlg.h"
+
+#include "frame/winsize.h"
+#include "platform/kavo_api.h"
+#include "text/multilingualmanager.h"
+#include "tools/kit/container.h"
+#include "tools/kit/panel.h"
+
+#include "stderrcapture.h"
+#include "testenv.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QDir>
+#include <QLayout>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTextEdit>
+#include <QTimer>
+#include <QtTest>
+
+namespace {
+
+QString msg(int id)
+{
+    return MultilingualManager::GetInstance()->getMultilingualValue(id);
+}
+
+template <typename T>
+T* child(const QWidget& dialog, const char* name)
+{
+    T* widget = dialog.findChild<T*>(QLatin1String(name));
+    if (widget == nullptr)
+        qFatal("no child %s", name);
+    return widget;
+}
+
+QStringList paneLines(const zeltUpDlg& dialog)
+{
+    return child<QTextEdit>(dialog, "textEdit")->toPlainText().split(QLatin1Char('\n'));
+}
+
+// "startup back" as 0/1 digits.
+QString enabledButtons(const zeltUpDlg& dialog)
+{
+    QString states;
+    for (const char* name : {"startup_bt", "back_bt"})
+        states += child<QPushButton>(dialog, name)->isEnabled() ? QLatin1Char('1') : QLatin1Char('0');
+    return states;
+}
+
+// The pane of an upload whose unpacking succeeded, for the project file `name`.
+QStringList successLines(const QString& name)
+{
+    return {msg(2090), msg(2092), msg(2093), msg(2094), msg(2099), msg(2097), msg(2098).arg(name)};
+}
+
+QByteArray randomBytes(int size, quint32 seed)
+{
+    QRandomGenerator generator(seed);
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i)
+        bytes[i] = char(generator.bounded(256));
+    return bytes;
+}
+
+struct SeenBox
+{
+    QString title;
+    QString text;
+    QStringList buttons;
+    QMessageBox::Icon icon = QMessageBox::NoIcon;
+    Qt::WindowFlags flags;
+    bool hasParent = true;
+};
+
+// Answers the modal message boxes that open while it lives: Yes, No, or
+// (NoButton) a reject that is neither.
+class BoxAnswerer : public QObject
+{
+public:
+    explicit BoxAnswerer(QMessageBox::StandardButton answer)
+        : m_answer(answer)
+    {
+        connect(&m_timer, &QTimer::timeout, this, &BoxAnswerer::poll);
+        m_timer.start(20);
+    }
+
+    QList<SeenBox> seen;
+
+private:
+    void poll()
+    {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (box == nullptr || !box->isVisible())
+            return;
+        SeenBox record;
+        record.title = box->windowTitle();
+        record.text = box->text();
+        for (QAbstractButton* button : box->buttons())
+            record.buttons << button->text();
+        record.buttons.sort();
+        record.icon = box->icon();
+        record.flags = box->windowFlags();
+        record.hasParent = box->parentWidget() != nullptr;
+        seen << record;
+        if (m_answer == QMessageBox::NoButton)
+            box->reject();
+        else
+            box->button(m_answer)->click();
+    }
+
+    QMessageBox::StandardButton m_answer;
+    QTimer m_timer;
+};
+
+} // namespace
+
+class TestZeltUpDlg : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void form_data();
+    void form();
+    void upload_data();
+    void upload();
+    void existingTarget_data();
+    void existingTarget();
+    void screenStaysAliveAndCloseWaits();
+    void backClosesAndFreesMainWindow();
+
+private:
+    // A ready panel whose packed project holds `backup` (null: no backup file;
+    // `raw`: written as it is instead of packed) and whose project settings name
+    // `suffix`.
+    void makePanel(const QByteArray& backup, bool raw, const QString& suffix);
+    QString backupFile() const;
+    QString opxbackup() const { return m_stick->path() + QStringLiteral("/opxbackup"); }
+    QStringList stickFiles() const
+    {
+        return QDir(opxbackup()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    }
+
+    QTemporaryDir* m_panel = nullptr;
+    QTemporaryDir* m_stick = nullptr;
+    QString m_oldCwd;
+    QWidget* m_mainWindow = nullptr;
+};
+
+void TestZeltUpDlg::initTestCase()
+{
+    initKavoResources();
+    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QCOMPARE(msg(2119), QStringLiteral("OPX上传工程"));
+    QCOMPARE(msg(2098), QStringLiteral("工程文件已成功上传至U盘：opxbackup\\%1。"));
+}
+
+void TestZeltUpDlg::init()
+{
+    m_panel = new QTemporaryDir;
+    QVERIFY(m_panel->isValid());
+    qputenv("KAVO_PANEL_ROOT", QFile::encodeName(m_panel->path()));
+    m_stick = new QTemporaryDir;
+    QVERIFY(m_stick->isValid());
+    QVERIFY(QDir().mkpath(opxbackup()));
+    qputenv("KAVO_UDISK_ROOT", QFile::encodeName(m_stick->path()));
+    m_oldCwd = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(opxbackup()));
+    selectWinSize(1024);
+    m_mainWindow = new QWidget;
+    m_mainWindow->setEnabled(false);
+}
+
+void TestZeltUpDlg::cleanup()
+{
+    delete m_mainWindow;
+    m_mainWindow = nullptr;
+    QDir::setCurrent(m_oldCwd);
+    qunsetenv("KAVO_UDISK_ROOT");
+    qunsetenv("KAVO_PANEL_ROOT");
+    delete m_stick;
+    m_stick = nullptr;
+    delete m_panel;
+    m_panel = nullptr;
+}
+
+void TestZeltUpDlg::makePanel(const QByteArray& backup, bool raw, const QString& suffix)
+{
+    kit::PanelSpec spec;
+    spec.backupProject = raw ? QByteArray() : backup;
+    spec.projectSuffix = suffix;
+    QVERIFY(kit::makePanel(m_panel->path(), spec));
+    if (raw)
+        QVERIFY(testenv::writeFile(backupFile(), backup));
+    else if (backup.isNull())
+        QVERIFY(!QFileInfo::exists(backupFile()));
+}
+
+QString TestZeltUpDlg::backupFile() const
+{
+    return QString::fromUtf8(Kavo_GetDirectory(3)) + QStringLiteral("/#BKCompreProj.bin");
+}
+
+void TestZeltUpDlg::form_data()
+{
+    QTest::addColumn<int>("screenWidth");
+    QTest::addColumn<QSize>("size");
+
+    QTest::newRow("small screen") << 1024 << QSize(432, 300);
+    QTest::newRow("large screen") << 1280 << QSize(700, 480);
+}
+
+void TestZeltUpDlg::form()
+{
+    QFETCH(int, screenWidth);
+    QFETCH(QSize, size);
+
+    selectWinSize(screenWidth);
+    zeltUpDlg dialog(m_mainWindow, QStringLiteral("/nowhere"));
+    QCOMPARE(dialog.objectName(), QStringLiteral("zeltUpDlg"));
+    QCOMPARE(dialog.parentWidget(), m_mainWindow);
+    QCOMPARE(dialog.size(), size);
+    QCOMPARE(dialog.minimumSize(), QSize(432, 300));
+    QCOMPARE(dialog.windowTitle(), msg(2104));
+    QVERIFY(dialog.windowFlags() & Qt::WindowStaysOnTopHint);
+    QVERIFY(!(dialog.windowFlags() & Qt::WindowContextHelpButtonHint));
+    QVERIFY(dialog.targetName().isEmpty());
+
+    auto* text = child<QTextEdit>(dialog, "textEdit");
+    QVERIFY(text->isReadOnly());
+    QCOMPARE(text->parentWidget(), &dialog);
+    QCOMPARE(paneLines(dialog), QStringList{msg(2090)});
+    QCOMPARE(child<QPushButton>(dialog, "startup_bt")->text(), msg(2102));
+    QCOMPARE(child<QPushButton>(dialog, "back_bt")->text(), msg(2103));
+    QCOMPARE(enabledButtons(dialog), QStringLiteral("11"));
+    for (const char* layout : {"gridLayout", "verticalLayout", "horizontalLayout"})
+        QVERIFY2(dialog.findChild<QLayout*>(QLatin1String(layout)) != nullptr, layout);
+}
+
+void TestZeltUpDlg::upload_data()
+{
+    QTest::addColumn<QByteArray>("project");    // packed as the panel packs it
+    QTest::addColumn<QByteArray>("rawBackup");  // or this backup file as it is
+    QTest::addColumn<QString>("suffix");
+    QTest::addColumn<bool>("stickWithoutBackupDir");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QStringList>("lines");
+    QTest::addColumn<QByteArray>("target");     // null: no target file
+    QTest::addColumn<QByteArray>("diagnostics"); // "@" stands for the backup file
+
+    const QString kvp = QStringLiteral("OPX上传工程.KVP");
+    const QByteArray project("the panel's project, as the design software opens it\n");
+    const QByteArray large = randomBytes(int(1024 * 1024 * 2 + 4321), 5);
+    const QByteArray none;
+    const QStringList failedUnpack = {msg(2090), msg(2092), msg(2093), msg(2094), msg(2099), msg(2096)};
+    const QStringList failedCopy = {msg(2090), msg(2092), msg(2095)};
+
+    QTest::newRow("small project") << project << none << QString() << false << kvp << successLines(kvp) << project
+                                   << none;
+    QTest::newRow("project over 1 MiB") << large << none << QString() << false << kvp << successLines(kvp) << large
+                                        << none;
+    QTest::newRow("three-letter suffix") << project << none << QStringLiteral("opx") << false
+                                         << QStringLiteral("OPX上传工程.opx")
+                                         << successLines(QStringLiteral("OPX上传工程.opx")) << project << none;
+    QTest::newRow("empty backup file")
+        << none << QByteArray("") << QString() << false << kvp << failedUnpack << QByteArray("")
+        << QByteArray("real copy a empty file:opxbackup/KavoBackupProject.bin\n");
+    QByteArray wrongMagic = kit::kavoZipContainer(project);
+    wrongMagic[0] = 'X';
+    QTest::newRow("wrong magic") << none << wrongMagic << QString() << false << kvp << failedUnpack << QByteArray("")
+                                 << none;
+    const QByteArray packedLarge = kit::kavoZipContainer(large);
+    QTest::newRow("truncated stream") << none << packedLarge.left(packedLarge.size() / 2) << QString() << false << kvp
+                                      << failedUnpack << large << none;
+    QTest::newRow("missing backup file")
+        << none << none << QString() << false << kvp << failedCopy << none
+        << QByteArray("stat src path:@ failed! No such file or directory\n");
+    QTest::newRow("stick without opxbackup")
+        << project << none << QString() << true << kvp << failedCopy << none
+        << QByteArray("copy w open file:opxbackup/KavoBackupProject.bin failed:No such file or directory\n");
+}
+
+void TestZeltUpDlg::upload()
+{
+    QFETCH(QByteArray, project);
+    QFETCH(QByteArray, rawBackup);
+    QFETCH(QString, suffix);
+    QFETCH(bool, stickWithoutBackupDir);
+    QFETCH(QString, name);
+    QFETCH(QStringList, lines);
+    QFETCH(QByteArray, target);
+    QFETCH(QByteArray, diagnostics);
+
+    makePanel(rawBackup.isNull() ? project : rawBackup, !rawBackup.isNull(), suffix);
+    QTemporaryDir otherStick;
+    if (stickWithoutBackupDir) {
+        // The working directory is the stick's "opxbackup", but the stick the
+        // panel writes to has none.
+        qputenv("KAVO_UDISK_ROOT", QFile::encodeName(otherStick.path()));
+    }
+
+    zeltUpDlg dialog(m_mainWindow, backupFile());
+    dialog.show();
+    StderrCapture err;
+    QTest::mouseClick(child<QPushButton>(dialog, "startup_bt"), Qt::LeftButton);
+    QCOMPARE(err.take(), diagnostics.replace('@', backupFile().toUtf8()));
+
+    QCOMPARE(paneLines(dialog), lines);
+    QCOMPARE(dialog.targetName(), name);
+    QCOMPARE(enabledButtons(dialog), QStringLiteral("01"));
+    QVERIFY(!m_mainWindow->isEnabled());
+
+    if (target.isNull()) {
+        QCOMPARE(stickFiles(), QStringList());
+    } else {
+        QCOMPARE(stickFiles(), QStringList{name});
+        const QByteArray written = testenv::readFile(opxbackup() + QLatin1Char('/') + name);
+        if (lines.last() == msg(2096) && !target.isEmpty()) {
+            // A broken stream leaves what was inflated before the break.
+            QVERIFY(!written.isEmpty());
+            QVERIFY(written.size() < target.size());
+            QVERIFY(target.startsWith(written));
+        } else {
+            QVERIFY(written == target);
+        }
+    }
+    // The panel's backup stays as it was.
+    if (!rawBackup.isNull())
+        QVERIFY(testenv::readFile(backupFile()) == rawBackup);
+}
+
+void TestZeltUpDlg::existingTarget_data()
+{
+    QTest::addColumn<int>("answer");
+    QTest::addColumn<bool>("uploaded");
+
+    QTest::newRow("yes replaces") << int(QMessageBox::Yes) << true;
+    QTest::newRow("no keeps the earlier upload") << int(QMessageBox::No) << false;
+    QTest::newRow("closed otherwise overwrites") << int(QMessageBox::NoButton) << true;
+}
+
+void TestZeltUpDlg::existingTarget()
+{
+    QFETCH(int, answer);
+    QFETCH(bool, uploaded);
+
+    const QByteArray project("today's project\n");
+    makePanel(project, false, QStringLiteral("abc"));
+    const QString name = QStringLiteral("OPX上传工程.abc");
+    const QByteArray earlier(300000, 'e');
+    QVERIFY(testenv::writeFile(opxbackup() + QLatin1Char('/') + name, earlier));
+
+    zeltUpDlg dialog(m_mainWindow, backupFile());
+    dialog.show();
+    BoxAnswerer answerer{QMessageBox::StandardButton(answer)};
+    StderrCapture err;
+    dialog.clickedStartUpBt();
+    QCOMPARE(err.take(), QByteArray());
+
+    QCOMPARE(answerer.seen.size(), 1);
+    const SeenBox& box = answerer.seen.first();
+    QCOMPARE(box.title, msg(2030));
+    QCOMPARE(box.text, QStringLiteral("U盘中已包含一个名为“OPX上传工程.abc”的文件，是否覆盖？"));
+    QCOMPARE(box.buttons, (QStringList{msg(1005), msg(1004)}));
+    QCOMPARE(box.icon, QMessageBox::Warning);
+    QVERIFY(!box.hasParent);
+    QVERIFY(box.flags & Qt::WindowStaysOnTopHint);
+    QVERIFY(!(box.flags & Qt::WindowContextHelpButtonHint));
+
+    QCOMPARE(stickFiles(), QStringList{name});
+    const QByteArray onStick = testenv::readFile(opxbackup() + QLatin1Char('/') + name);
+    if (uploaded) {
+        QCOMPARE(paneLines(dialog), successLines(name));
+        QVERIFY(onStick == project);
+        QCOMPARE(enabledButtons(dialog), QStringLiteral("01"));
+    } else {
+        QCOMPARE(paneLines(dialog), QStringList{msg(2090)});
+        QVERIFY(onStick == earlier);
+        QCOMPARE(enabledButtons(dialog), QStringLiteral("11"));
+    }
+}
+
+void TestZeltUpDlg::screenStaysAliveAndCloseWaits()
+{
+    makePanel(randomBytes(3 * 1024 * 1024, 9), false, QString());
+    zeltUpDlg dialog(m_mainWindow, backupFile());
+    dialog.show();
+
+    // Runs between two chunks of the copy: the upload is under way, and a close
+    // request (the title bar's) has to wait for it.
+    int ticks = 0;
+    QString buttonsDuringCopy;
+    QTimer timer;
+    connect(&timer, &QTimer::timeout, this, [&] {
+        if (ticks++ == 0) {
+            buttonsDuringCopy = enabledButtons(dialog);
+            dialog.close();
+        }
+    });
+    timer.start(0);
+    dialog.clickedStartUpBt();
+    timer.stop();
+
+    QVERIFY(ticks > 0);
+    QCOMPARE(buttonsDuringCopy, QStringLiteral("00"));
+    QVERIFY(dialog.isVisible());
+    QVERIFY(!m_mainWindow->isEnabled());
+    QCOMPARE(paneLines(dialog).last(), msg(2098).arg(dialog.targetName()));
+}
+
+void TestZeltUpDlg::backClosesAndFreesMainWindow()
+{
+    makePanel(QByteArray("project"), false, QString());
+    auto* dialog = new zeltUpDlg(m_mainWindow, backupFile());
+    m_mainWindow->show();
+    dialog->show();
+    QVERIFY(dialog->isEnabled());
+
+    QTest::mouseClick(child<QPushButton>(*dialog, "back_bt"), Qt::LeftButton);
+    QVERIFY(!dialog->isVisible());
+    QVERIFY(m_mainWindow->isEnabled());
+    // The dialog lives on as the main window's child until that one goes.
+    QCOMPARE(dialog->parentWidget(), m_mainWindow);
+}
+
+QTEST_MAIN(TestZeltUpDlg)
+#include "tst_zeltupdlg.moc"
