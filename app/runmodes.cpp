@@ -4,6 +4,7 @@
 #include "frame/no_menu_decoration.h"
 #include "frame/screensetting.h"
 #include "frame/winsize.h"
+#include "frontend/dlgupnote.h"
 #include "log/clogger.h"
 #include "platform/kavo_api.h"
 #include "platform/platform.h"
@@ -126,8 +127,11 @@ int startPackage(int argc, char* argv[])
 
 int runStartNote(const startup::StartupOptions& options)
 {
-    Q_UNUSED(options);
-    return 0;
+    // The note runs the rest of the interactive session from its buttons; the
+    // event loop ends when its last window has closed.
+    dlgUpNote note(options.exeDir, options.lanId);
+    note.show();
+    return QApplication::exec();
 }
 
 int runDirectDownload(const startup::StartupOptions& options)

@@ -1,0 +1,60 @@
+// Renders the wait dialog shown while the panel's runtime application does not
+// stop, as kavo_process::backToDovik opens it, and saves it as a PNG.
+//
+//   appexit_screens OUTFILE
+//
+// The texts come from the built-in text table and the application font is the
+// one the package chooses for the screen the tool runs on.
+#include "frame/screensetting.h"
+#include "frontend/app_exit_failed_dlg.h"
+#include "text/multilingualmanager.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QFont>
+#include <QTimer>
+
+#include <cstdio>
+#include <functional>
+
+int main(int argc, char* argv[])
+{
+    QApplication app(argc, argv);
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: appexit_screens OUTFILE\n");
+        return 2;
+    }
+    const QString outFile = QFileInfo(QString::fromLocal8Bit(argv[1])).absoluteFilePath();
+    QDir().mkpath(QFileInfo(outFile).absolutePath());
+
+    initKavoResources();
+    MultilingualManager* table = MultilingualManager::GetInstance();
+    if (!table->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
+        std::fprintf(stderr, "appexit_screens: no text table\n");
+        return 1;
+    }
+    kavo_process::setMulLanguage(std::bind(&MultilingualManager::getMultilingualValue, table, std::placeholders::_1));
+
+    QFont font(QStringLiteral("宋体"));
+    font.setPixelSize(ScreenSetting::isSmallScreen() ? 12 : 16);
+    QApplication::setFont(font);
+
+    app_exit_failed_dlg dialog(nullptr, kavo_process::_func);
+    dialog.setPollMode(false);
+    dialog.setPromptText(kavo_process::_func(1008));
+    dialog.show();
+
+    // Lets the window system show and paint the dialog.
+    QEventLoop loop;
+    QTimer::singleShot(300, &loop, &QEventLoop::quit);
+    loop.exec();
+
+    if (!dialog.grab().save(outFile)) {
+        std::fprintf(stderr, "appexit_screens: cannot write %s\n", qPrintable(outFile));
+        return 1;
+    }
+    std::printf("%s\n", qPrintable(outFile));
+    return 0;
+}

@@ -1,0 +1,141 @@
+// Renders the access-password dialog and saves it as PNG pictures, for the
+// documentation and for checking the keyboard's layout by eye (run it under
+// Xvfb with the screen size of the panel in question).
+//
+//   password_screens OUTDIR
+//
+// Writes OUTDIR/password.png (the dialog with three characters typed),
+// OUTDIR/password-lower.png (after "Cap": lower-case letters) and
+// OUTDIR/screen-password-toolong.png (the whole screen while the 20-character
+// message is up). The dialog checks what is typed against a made-up panel in
+// a temporary directory, never against the machine's own configuration.
+#include "app/constants.h"
+#include "frame/screensetting.h"
+#include "frontend/pwdentrydialog.h"
+#include "platform/platform.h"
+#include "text/multilingualmanager.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCryptographicHash>
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QFont>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QScreen>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <cstdio>
+
+namespace {
+
+// Lets the window system show and paint what changed.
+void settle()
+{
+    QEventLoop loop;
+    QTimer::singleShot(300, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+bool report(bool saved, const QString& file)
+{
+    if (saved)
+        std::printf("%s\n", qPrintable(file));
+    else
+        std::fprintf(stderr, "password_screens: cannot write %s\n", qPrintable(file));
+    return saved;
+}
+
+bool saveDialog(QWidget& dialog, const QString& file)
+{
+    settle();
+    return report(dialog.grab().save(file), file);
+}
+
+void press(const QWidget& dialog, const char* keyName)
+{
+    dialog.findChild<QPushButton*>(QLatin1String(keyName))->click();
+}
+
+// A panel whose configuration holds a password nobody types here, so that
+// every key leaves the dialog open.
+bool makePanel(const QTemporaryDir& panel)
+{
+    if (!panel.isValid())
+        return false;
+    qputenv("KAVO_PANEL_ROOT", QFile::encodeName(panel.path()));
+    platform::preparePanelRoot();
+    const QString config = platform::panelPath(PWD_CONF_PATH);
+    if (!QDir().mkpath(config.left(config.lastIndexOf(QLatin1Char('/')))))
+        return false;
+    QFile file(config);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    const QByteArray digest = QCryptographicHash::hash("not-typed", QCryptographicHash::Md5).toHex();
+    return file.write("[SECURITY]\nlicense=" + digest + "\n") > 0;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QApplication app(argc, argv);
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: password_screens OUTDIR\n");
+        return 2;
+    }
+    const QString outDir = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
+    QDir().mkpath(outDir);
+
+    QTemporaryDir panel;
+    if (!makePanel(panel)) {
+        std::fprintf(stderr, "password_screens: cannot build the panel\n");
+        return 1;
+    }
+    initKavoResources();
+    MultilingualManager* texts = MultilingualManager::GetInstance();
+    if (!texts->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
+        std::fprintf(stderr, "password_screens: no text table\n");
+        return 1;
+    }
+
+    // The application font as the package chooses it for the screen class.
+    QFont font(QStringLiteral("宋体"));
+    font.setPixelSize(ScreenSetting::isSmallScreen() ? 12 : 16);
+    QApplication::setFont(font);
+
+    PwdEntryDialog dialog(nullptr, [texts](int id) { return texts->getMultilingualValue(id); });
+    dialog.show();
+    for (const char* key : {"keyBtnA", "keyBtnB", "keyBtn1"})
+        press(dialog, key);
+    if (!saveDialog(dialog, outDir + QStringLiteral("/password.png")))
+        return 1;
+
+    press(dialog, "keyBtnCap");
+    if (!saveDialog(dialog, outDir + QStringLiteral("/password-lower.png")))
+        return 1;
+    press(dialog, "keyBtnCap");
+
+    // The box runs modally inside the key press: picture it from a timer,
+    // then answer it.
+    const QString boxFile = outDir + QStringLiteral("/screen-password-toolong.png");
+    bool boxSaved = false;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (box == nullptr || !box->isVisible())
+            return;
+        poll.stop();
+        settle();
+        boxSaved = report(box->screen()->grabWindow(0).save(boxFile), boxFile);
+        box->button(QMessageBox::Ok)->click();
+    });
+    poll.start(50);
+    for (int i = 0; i < 18; ++i)
+        press(dialog, "keyBtnZ");
+    dialog.close();
+    return boxSaved ? 0 : 1;
+}
