@@ -2,7 +2,8 @@
 # The whole test suite: installs what is missing, then builds and tests the
 # package twice, once normally and once with AddressSanitizer and
 # UndefinedBehaviorSanitizer (leaks reported too), and checks that the panel
-# build still compiles against the vendor declarations.
+# build still compiles against the vendor declarations. The README's demo runs
+# too, in its unattended form.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,6 +17,9 @@ for preset in default sanitize; do
     echo "=== test: $preset"
     ctest --preset "$preset" -j "$jobs"
 done
+
+echo "=== demo: unattended download on a simulated panel"
+DISPLAY= tools/demo.sh --direct
 
 echo "=== panel build: compile check"
 cmake --preset panel >/dev/null 2>&1

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QString>
 
 namespace kit {
 
@@ -13,5 +14,10 @@ constexpr quint32 kContainerWord = 0x00000100;
 
 // A container holding `project`, deflated at `level`.
 QByteArray kavoZipContainer(const QByteArray& project, int level = 6);
+
+// Writes the container of the file `source` to `target` (directories created),
+// deflating the file piece by piece into one zlib stream as kavoZipContainer()
+// does. False when a file cannot be read or written.
+bool writeKavoZipContainer(const QString& source, const QString& target, int level = 6);
 
 } // namespace kit

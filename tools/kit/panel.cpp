@@ -17,12 +17,16 @@ bool makePanel(const QString& root, const PanelSpec& spec)
 
     const QString app = root + QStringLiteral("/usr/kavo_app");
     if (spec.installRuntime)
-        ok = writeRuntime(app, spec.runtime, false) && ok;
+        ok = (spec.runtimeSourceDir.isEmpty() ? writeRuntime(app, spec.runtime, false)
+                                              : copyRuntime(spec.runtimeSourceDir, app, false))
+             && ok;
 
     const QString project = app + QStringLiteral("/project");
     for (auto it = spec.projectFiles.cbegin(); it != spec.projectFiles.cend(); ++it)
         ok = writeFile(project + QLatin1Char('/') + it.key(), it.value()) && ok;
-    if (!spec.backupProject.isNull())
+    if (!spec.backupProjectFile.isEmpty())
+        ok = writeKavoZipContainer(spec.backupProjectFile, project + QStringLiteral("/#BKCompreProj.bin")) && ok;
+    else if (!spec.backupProject.isNull())
         ok = writeFile(project + QStringLiteral("/#BKCompreProj.bin"), kavoZipContainer(spec.backupProject)) && ok;
     QByteArray setup("[PROJECTINFO]\n");
     if (!spec.projectSuffix.isEmpty())

@@ -15,11 +15,17 @@ struct PanelSpec
     int cpuArch = 10;              // Tag_CPU_arch of the C library stand-in (10 ARMv7, 5 ARMv5TEJ)
     bool installRuntime = true;    // /usr/kavo_app with update.ini and its md5 list
     RuntimeSpec runtime;
+    // A plain runtime directory (files and a plain update.ini) installed instead
+    // of `runtime`, with a fresh md5 list; empty: `runtime` is written.
+    QString runtimeSourceDir = QString();
     // The current project in /usr/kavo_app/project, by relative path.
     QMap<QString, QByteArray> projectFiles = {
         {QStringLiteral("project.bin"), QByteArray("the panel's current project\n")},
     };
     QByteArray backupProject = QByteArray("the panel's current project, as the design software opens it\n");
+    // A file whose content the packed project holds instead of `backupProject`,
+    // read in pieces; empty: `backupProject` is packed.
+    QString backupProjectFile = QString();
     QString projectSuffix;         // [PROJECTINFO] SUFFIX_NAME of project_setup.ini; empty: key absent
     QString passwordDigest;        // [SECURITY] license of kavo_app_conf.ini; empty: no digest
     int language = -1;             // [current_language] type of lan_setup.ini; -1: no file

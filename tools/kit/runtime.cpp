@@ -4,10 +4,66 @@
 
 #include <QCryptographicHash>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
+#include <QSettings>
+
+#include <algorithm>
 
 namespace kit {
+namespace {
+
+// The comment line that opens a scrambled description whose own text does not
+// carry the "#" mark as its fourth byte.
+const QByteArray kMarkLine(";;;# runtime environment description\n");
+
+// Relative paths of the regular files below `dir`, sorted; symbolic links to
+// files count as files, linked directories are not entered.
+QStringList regularFiles(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    const QDir base(dir);
+    while (it.hasNext())
+        files << base.relativeFilePath(it.next());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+// Copies `from` to `to` in pieces, turning every byte into its scrambled form
+// when `scramble`; `prefix` is written (scrambled alike) before the content.
+bool copyBytes(QFile& from, const QString& to, const QByteArray& prefix, bool scramble)
+{
+    QDir().mkpath(QFileInfo(to).absolutePath());
+    QFile target(to);
+    if (!target.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    auto put = [&](QByteArray chunk) {
+        if (scramble)
+            for (char& c : chunk)
+                c = char(QSettingsFactory::encryptByte(static_cast<unsigned char>(c)));
+        return target.write(chunk) == chunk.size();
+    };
+    if (!prefix.isEmpty() && !put(prefix))
+        return false;
+    while (!from.atEnd()) {
+        const QByteArray chunk = from.read(64 * 1024);
+        if (chunk.isEmpty() || !put(chunk))
+            return false;
+    }
+    return target.flush();
+}
+
+bool copyPlainFile(const QString& from, const QString& to)
+{
+    QDir().mkpath(QFileInfo(to).absolutePath());
+    QFile::remove(to);
+    return QFile::copy(from, to);
+}
+
+} // namespace
 
 bool writeFile(const QString& path, const QByteArray& data)
 {
@@ -38,6 +94,12 @@ QByteArray md5List(const QMap<QString, QByteArray>& files)
     return list;
 }
 
+bool isDottedVersion(const QString& text)
+{
+    static const QRegularExpression version(QStringLiteral("^[0-9]{1,9}(\\.[0-9]{1,9}){2,}$"));
+    return version.match(text).hasMatch();
+}
+
 QString md5ListName(const QString& version)
 {
     return QStringLiteral("version.") + version.trimmed().split(QLatin1Char(' '), Qt::SkipEmptyParts).value(0);
@@ -51,6 +113,87 @@ QByteArray updateIniText(const RuntimeSpec& spec)
     if (!spec.product.isEmpty())
         text += "product=" + spec.product.toUtf8() + '\n';
     return text;
+}
+
+RuntimeDescription readRuntimeDescription(const QString& path)
+{
+    RuntimeDescription description;
+    if (!QFileInfo(path).isFile())
+        return description;
+    QSettings ini(path, QSettings::IniFormat);
+    ini.setIniCodec("UTF-8");
+    description.readable = ini.status() == QSettings::NoError;
+    description.version = ini.value(QStringLiteral("PREPARE/version")).toString();
+    description.minSetVersion = ini.value(QStringLiteral("PREPARE/minsetversion")).toString();
+    description.hasProduct = ini.contains(QStringLiteral("PREPARE/product"));
+    description.product = ini.value(QStringLiteral("PREPARE/product")).toString();
+    return description;
+}
+
+QByteArray md5ListOfDirectory(const QString& dir, const QStringList& exclude)
+{
+    QByteArray list("");
+    for (const QString& name : regularFiles(dir)) {
+        if (exclude.contains(name))
+            continue;
+        QFile file(dir + QLatin1Char('/') + name);
+        QCryptographicHash hash(QCryptographicHash::Md5);
+        if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+            return QByteArray();
+        QByteArray text = name.toUtf8();
+        // md5sum marks a line whose name it had to escape with a leading backslash.
+        if (text.contains('\\') || text.contains('\n')) {
+            text.replace('\\', "\\\\").replace('\n', "\\n");
+            list += '\\';
+        }
+        list += hash.result().toHex() + "  " + text + '\n';
+    }
+    return list;
+}
+
+bool copyRuntime(const QString& sourceDir, const QString& targetDir, bool scrambled, QString* error)
+{
+    auto fail = [error](const QString& text) {
+        if (error)
+            *error = text;
+        return false;
+    };
+    if (!QFileInfo(sourceDir).isDir())
+        return fail(QStringLiteral("%1 is not a directory").arg(sourceDir));
+    const QString sourceIni = sourceDir + QStringLiteral("/update.ini");
+    const RuntimeDescription description = readRuntimeDescription(sourceIni);
+    if (!description.readable)
+        return fail(QStringLiteral("%1 holds no readable update.ini").arg(sourceDir));
+    const QString listName = md5ListName(description.version);
+    if (listName == QLatin1String("version."))
+        return fail(QStringLiteral("%1 names no [PREPARE] version").arg(sourceIni));
+
+    if (!QDir().mkpath(targetDir))
+        return fail(QStringLiteral("cannot create %1").arg(targetDir));
+    for (const QString& name : regularFiles(sourceDir)) {
+        if (name == QLatin1String("update.ini") || name == listName)
+            continue;
+        if (!copyPlainFile(sourceDir + QLatin1Char('/') + name, targetDir + QLatin1Char('/') + name))
+            return fail(QStringLiteral("cannot copy %1 to %2").arg(sourceDir + QLatin1Char('/') + name, targetDir));
+    }
+
+    QFile ini(sourceIni);
+    if (!ini.open(QIODevice::ReadOnly))
+        return fail(QStringLiteral("cannot read %1").arg(sourceIni));
+    QByteArray prefix;
+    const QByteArray head = ini.peek(4);
+    if (scrambled && (head.size() < 4 || head.at(3) != '#')) {
+        prefix = kMarkLine;
+        if (ini.peek(3) == "\xEF\xBB\xBF")
+            ini.read(3); // a byte order mark would no longer open the file
+    }
+    if (!copyBytes(ini, targetDir + QStringLiteral("/update.ini"), prefix, scrambled))
+        return fail(QStringLiteral("cannot write %1/update.ini").arg(targetDir));
+
+    const QByteArray list = md5ListOfDirectory(targetDir, {QStringLiteral("update.ini"), listName});
+    if (list.isNull() || !writeFile(targetDir + QLatin1Char('/') + listName, list))
+        return fail(QStringLiteral("cannot write the md5 list %1/%2").arg(targetDir, listName));
+    return true;
 }
 
 bool writeRuntime(const QString& dir, const RuntimeSpec& spec, bool scrambled)

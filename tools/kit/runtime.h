@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QMap>
 #include <QString>
+#include <QStringList>
 
 namespace kit {
 
@@ -33,6 +34,11 @@ QByteArray updateIniText(const RuntimeSpec& spec);
 // when `scrambled`), and "version." + version with the md5 list.
 bool writeRuntime(const QString& dir, const RuntimeSpec& spec, bool scrambled);
 
+// True for a version text the package reads field by field: digits and dots,
+// at least three parts, each of at most nine digits (so it fits the package's
+// 32-bit fields).
+bool isDottedVersion(const QString& text);
+
 // The md5 list's file name for a version text: "version." + its first word.
 QString md5ListName(const QString& version);
 
@@ -41,5 +47,33 @@ bool writeFile(const QString& path, const QByteArray& data);
 
 // Writes the scrambled form of `data` to `path`.
 bool writeScrambled(const QString& path, const QByteArray& data);
+
+// What a plain update.ini says, read as the package reads it (UTF-8).
+struct RuntimeDescription
+{
+    bool readable = false;   // the file exists and parses as INI
+    QString version;         // [PREPARE] version, as stored
+    QString minSetVersion;   // [PREPARE] minsetversion
+    bool hasProduct = false; // [PREPARE] product present (possibly empty)
+    QString product;
+};
+
+// Reads the plain runtime description at `path`.
+RuntimeDescription readRuntimeDescription(const QString& path);
+
+// The md5sum list of every regular file below `dir` (paths relative to it,
+// sorted) except the relative paths in `exclude`, each file read in pieces.
+// Names holding a backslash or a line break are escaped as md5sum escapes
+// them. Null when a file cannot be read.
+QByteArray md5ListOfDirectory(const QString& dir, const QStringList& exclude);
+
+// Copies the plain runtime directory `sourceDir` (its files and a plain
+// update.ini that names a version) into `targetDir` (created): every file as
+// it is, update.ini plain or, when `scrambled`, scrambled behind a comment
+// line that gives it the "#" mark where its own text lacks one, and a fresh
+// md5 list "version." + first word of the version for all files but update.ini
+// and the list. False with `error` set when the source is unusable or a file
+// cannot be copied.
+bool copyRuntime(const QString& sourceDir, const QString& targetDir, bool scrambled, QString* error = nullptr);
 
 } // namespace kit

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <zlib.h>
 
@@ -23,6 +24,16 @@ QByteArray crcText(const QByteArray& content)
     return QByteArray::number(quint64(crc), 16).toUpper();
 }
 
+QByteArray crcText(const PackageFile& file)
+{
+    return file.sourcePath.isEmpty() ? crcText(file.content) : fileCrcText(file.sourcePath);
+}
+
+qint64 sizeOf(const PackageFile& file)
+{
+    return file.sourcePath.isEmpty() ? file.content.size() : QFileInfo(file.sourcePath).size();
+}
+
 bool copyExecutable(const QString& from, const QString& to)
 {
     QFile::remove(to);
@@ -35,6 +46,50 @@ bool copyExecutable(const QString& from, const QString& to)
 
 } // namespace
 
+QByteArray fileCrcText(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    uLong crc = crc32(0L, nullptr, 0);
+    while (!file.atEnd()) {
+        const QByteArray piece = file.read(64 * 1024);
+        if (piece.isEmpty())
+            return QByteArray();
+        crc = crc32(crc, reinterpret_cast<const Bytef*>(piece.constData()), uInt(piece.size()));
+    }
+    return QByteArray::number(quint64(crc), 16).toUpper();
+}
+
+QByteArray iniValue(const QString& text)
+{
+    const QByteArray utf8 = text.toUtf8();
+    bool plain = !text.startsWith(QLatin1Char(' ')) && !text.endsWith(QLatin1Char(' '))
+                 && !text.startsWith(QLatin1Char('\t')) && !text.endsWith(QLatin1Char('\t'));
+    for (char c : utf8)
+        plain = plain && c != ',' && c != ';' && c != '"' && c != '\\' && c != '#' && static_cast<unsigned char>(c) >= 0x20;
+    if (plain)
+        return utf8;
+    QByteArray quoted("\"");
+    for (char c : utf8) {
+        switch (c) {
+        case '"': quoted += "\\\""; break;
+        case '\\': quoted += "\\\\"; break;
+        case '\n': quoted += "\\n"; break;
+        case '\r': quoted += "\\r"; break;
+        case '\t': quoted += "\\t"; break;
+        default: quoted += c;
+        }
+    }
+    return quoted + '"';
+}
+
+QString runtimeCopyDir(const QString& stickRoot, const ProjectSpec& spec)
+{
+    return stickRoot + QLatin1Char('/') + spec.name + QLatin1Char('/') + spec.product + QLatin1Char('/')
+           + variantName(spec.platform) + QStringLiteral("kavo_app");
+}
+
 QString projectPrefix(const QString& stickRoot, const ProjectSpec& spec)
 {
     QString prefix = stickRoot + QLatin1Char('/') + spec.name + QLatin1Char('/');
@@ -46,10 +101,10 @@ QString projectPrefix(const QString& stickRoot, const ProjectSpec& spec)
 QByteArray projectIniText(const ProjectSpec& spec)
 {
     QByteArray ini("[GLOBAL]\n");
-    ini += "OPXPlatform=" + spec.platform.toUtf8() + '\n';
-    ini += "OPXName=" + spec.platformName.toUtf8() + '\n';
+    ini += "OPXPlatform=" + iniValue(spec.platform) + '\n';
+    ini += "OPXName=" + iniValue(spec.platformName) + '\n';
     ini += "FILENUM=" + QByteArray::number(spec.files.size()) + '\n';
-    ini += "VERSION=" + spec.setVersion.toUtf8() + "\n\n";
+    ini += "VERSION=" + iniValue(spec.setVersion) + "\n\n";
 
     ini += "[hardware]\n";
     if (!spec.diskCapacity.isEmpty())
@@ -63,10 +118,10 @@ QByteArray projectIniText(const ProjectSpec& spec)
     for (int i = 0; i < spec.files.size(); ++i) {
         const PackageFile& file = spec.files.at(i);
         ini += "[FILE" + QByteArray::number(i + 1) + "]\n";
-        ini += "NAME=" + file.name.toUtf8() + '\n';
-        ini += "CRC=" + crcText(file.content) + '\n';
-        ini += "SIZE=" + QByteArray::number(file.content.size()) + '\n';
-        ini += "DESPATH=" + file.desPath.toUtf8() + "\n\n";
+        ini += "NAME=" + iniValue(file.name) + '\n';
+        ini += "CRC=" + crcText(file) + '\n';
+        ini += "SIZE=" + QByteArray::number(sizeOf(file)) + '\n';
+        ini += "DESPATH=" + iniValue(file.desPath) + "\n\n";
     }
 
     ini += "[DOWNLOAD]\n";
@@ -78,31 +133,54 @@ QByteArray projectIniText(const ProjectSpec& spec)
     return ini;
 }
 
-bool writeProject(const QString& stickRoot, const ProjectSpec& spec)
+bool writeProject(const QString& stickRoot, const ProjectSpec& spec, QString* error)
 {
     const QString prefix = projectPrefix(stickRoot, spec);
     bool ok = QDir().mkpath(prefix);
-    for (const PackageFile& file : spec.files)
-        ok = writeFile(prefix + file.name, file.content) && ok;
+    auto note = [error, &ok](bool done, const QString& what) {
+        if (!done && ok && error)
+            *error = QStringLiteral("cannot write ") + what;
+        ok = done && ok;
+    };
+    if (!ok && error)
+        *error = QStringLiteral("cannot create ") + prefix;
+    for (const PackageFile& file : spec.files) {
+        const QString target = prefix + file.name;
+        if (file.sourcePath.isEmpty()) {
+            note(writeFile(target, file.content), target);
+        } else {
+            QDir().mkpath(QFileInfo(target).absolutePath());
+            QFile::remove(target);
+            note(QFile::copy(file.sourcePath, target), target);
+        }
+    }
 
     const QByteArray ini = projectIniText(spec);
-    ok = (spec.scrambledIni ? writeScrambled(prefix + QStringLiteral("project.ini"), ini)
-                            : writeFile(prefix + QStringLiteral("project.ini"), ini))
-         && ok;
+    note(spec.scrambledIni ? writeScrambled(prefix + QStringLiteral("project.ini"), ini)
+                           : writeFile(prefix + QStringLiteral("project.ini"), ini),
+         prefix + QStringLiteral("project.ini"));
 
     QByteArray version("[version]\n");
     if (!spec.product.isEmpty())
-        version += "product=" + spec.product.toUtf8() + '\n';
-    version += "setversion=" + spec.setVersion.toUtf8() + '\n';
-    version += "minrunversion=" + spec.minRunVersion.toUtf8() + '\n';
-    ok = writeFile(prefix + QStringLiteral("version.ini"), version) && ok;
+        version += "product=" + iniValue(spec.product) + '\n';
+    version += "setversion=" + iniValue(spec.setVersion) + '\n';
+    version += "minrunversion=" + iniValue(spec.minRunVersion) + '\n';
+    note(writeFile(prefix + QStringLiteral("version.ini"), version), prefix + QStringLiteral("version.ini"));
 
     if (spec.withRuntime) {
         const QString productDir = stickRoot + QLatin1Char('/') + spec.name + QLatin1Char('/') + spec.product;
-        ok = writeRuntime(productDir + QLatin1Char('/') + variantName(spec.platform) + QStringLiteral("kavo_app"),
-                          spec.runtime, true)
-             && ok;
-        ok = writeFile(productDir + QStringLiteral("/opxupdateu.bin"), QByteArray("runtime update marker\n")) && ok;
+        const QString runtimeDir = runtimeCopyDir(stickRoot, spec);
+        if (spec.runtimeSourceDir.isEmpty()) {
+            note(writeRuntime(runtimeDir, spec.runtime, true), runtimeDir);
+        } else {
+            QString why;
+            const bool copied = copyRuntime(spec.runtimeSourceDir, runtimeDir, true, &why);
+            if (!copied && ok && error)
+                *error = why;
+            ok = copied && ok;
+        }
+        note(writeFile(productDir + QStringLiteral("/opxupdateu.bin"), QByteArray("runtime update marker\n")),
+             productDir + QStringLiteral("/opxupdateu.bin"));
     }
     return ok;
 }

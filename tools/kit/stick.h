@@ -17,6 +17,9 @@ struct PackageFile
     QString name;       // relative to the package prefix, e.g. "project.bin" or "DownLoadFile/a/b.dat"
     QByteArray content;
     QString desPath;    // destination directory on the panel, e.g. "/usr/kavo_app/project"
+    // A file holding the content, read in pieces, instead of `content`; empty:
+    // `content` is the file.
+    QString sourcePath = QString();
 };
 
 struct ProjectSpec
@@ -43,6 +46,9 @@ struct ProjectSpec
     };
     bool withRuntime = false;                      // a runtime copy and its updater marker
     RuntimeSpec runtime;
+    // With `withRuntime`: a plain runtime directory copied as the runtime copy
+    // (see copyRuntime) instead of `runtime`; empty: `runtime` is written.
+    QString runtimeSourceDir = QString();
 };
 
 // The package prefix of `spec` inside `stickRoot`: root/name/ or root/name/variant/.
@@ -50,13 +56,29 @@ QString projectPrefix(const QString& stickRoot, const ProjectSpec& spec);
 
 // The project description text: globals, hardware, one group per file with
 // its CRC-32 (upper-case hex, no leading zeros), size and destination, clear flags.
+// Texts that the INI reader would otherwise split or cut (holding ",", ";",
+// quotes, backslashes or outer blanks) are written quoted. A file read from
+// `sourcePath` that cannot be read gets an empty CRC.
 QByteArray projectIniText(const ProjectSpec& spec);
+
+// The CRC-32 of the file at `path` as the package writes it (upper-case hex,
+// no leading zeros), the file read in pieces; empty when it cannot be read.
+QByteArray fileCrcText(const QString& path);
+
+// `text` as an INI value that reads back as it is: unchanged when it is safe,
+// else quoted with backslash escapes.
+QByteArray iniValue(const QString& text);
 
 // Writes the project's directory into `stickRoot`: files, project.ini (scrambled
 // when asked), version.ini, and the runtime copy under product/<v7|v5>/kavo_app
 // with product/opxupdateu.bin when asked. The runtime copy follows the panel
-// family (`platform` 10 -> "v7/", 5 -> "v5/", otherwise none).
-bool writeProject(const QString& stickRoot, const ProjectSpec& spec);
+// family (`platform` 10 -> "v7/", 5 -> "v5/", otherwise none). False when a
+// file cannot be written or copied (`error`, when given, says which).
+bool writeProject(const QString& stickRoot, const ProjectSpec& spec, QString* error = nullptr);
+
+// The runtime copy's directory of `spec` inside `stickRoot`:
+// root/name/product/<v7/|v5/|>kavo_app.
+QString runtimeCopyDir(const QString& stickRoot, const ProjectSpec& spec);
 
 // The package's own files on a stick.
 struct PackageSpec

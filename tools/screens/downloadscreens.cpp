@@ -1,11 +1,11 @@
-// Renders the download dialog in three states (idle, running, failed) on a
+// Renders the download dialog in four states (idle, running, failed, done) on a
 // made-up stick and saves each as a PNG, once as the dialog alone and once as
 // the whole screen.
 //
 //   download_screens OUTDIR
 //
-// Writes OUTDIR/download-{idle,running,failed}.png and
-// OUTDIR/screen-{idle,running,failed}.png. The dialog takes the size class of
+// Writes OUTDIR/download-{idle,running,failed,done}.png and
+// OUTDIR/screen-{idle,running,failed,done}.png. The dialog takes the size class of
 // the real screen, as on the panel.
 #include "download/dlgdownload.h"
 #include "frame/screensetting.h"
@@ -112,6 +112,20 @@ int main(int argc, char* argv[])
     dialog.setTextEditContent(msg(2014));
     dialog.resetUpgrageUI(msg(2020));
     if (!save(dialog, outDir, QStringLiteral("failed")))
+        return 1;
+    dialog.close();
+
+    // A download that went through, three seconds into the reboot countdown.
+    dlgDownLoad done(QStringLiteral("/usr/kavo_app/project"), QStringLiteral("0"));
+    done.show();
+    done.setBntEnable(false, true, false);
+    for (int id : {2011, 2021, 2112, 2114, 2117, 2118, 2022, 2028, 2035, 2039, 2044, 2050, 2051, 2053, 2056, 2058})
+        done.setTextEditContent(msg(id));
+    done.resetUpgrageUI(msg(2059) + QLatin1Char('\n'));
+    done.findChild<QPushButton*>(QStringLiteral("btnStart"))->setEnabled(false);
+    for (int seconds = 10; seconds >= 8; --seconds)
+        done.setTextEditContent(msg(2061).arg(seconds));
+    if (!save(done, outDir, QStringLiteral("done")))
         return 1;
     return 0;
 }
