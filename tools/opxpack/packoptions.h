@@ -4,18 +4,17 @@
 // say is StickBuilder's to check.
 #pragma once
 
+#include "tools/kit/toolcli.h"
+
 #include <QList>
 #include <QString>
 #include <QStringList>
 
 namespace opxpack {
 
-// The process status of opxpack.
-enum class ExitCode : int {
-    Success = 0,
-    Failure = 1, // the input or the stick is not usable, or writing failed
-    Usage = 2,   // the command line is malformed
-};
+using kit::ExitCode;
+using kit::ParseOutcome;
+using kit::ParseStatus;
 
 // One --dest rule: project files whose path relative to the project directory
 // matches `glob` go to `panelDir` on the panel.
@@ -52,18 +51,6 @@ struct PackOptions
     QString helper;                                // empty: looked for beside opxpack
     int languageId = 0;
     QString packageVersion = QStringLiteral("V1.0.0.0");
-};
-
-enum class ParseStatus {
-    Ok,
-    Help,  // `message` is the help text
-    Usage, // `message` says what is wrong
-};
-
-struct ParseOutcome
-{
-    ParseStatus status = ParseStatus::Ok;
-    QString message;
 };
 
 // Reads `arguments` (the program name first) into `options`. Usage when an

@@ -13,17 +13,9 @@ namespace opxpack {
 int run(const QStringList& arguments, const QString& applicationDir, QTextStream& out, QTextStream& err)
 {
     PackOptions options;
-    const ParseOutcome parsed = parseOptions(arguments, &options);
-    if (parsed.status == ParseStatus::Help) {
-        out << parsed.message;
-        out.flush();
-        return int(ExitCode::Success);
-    }
-    if (parsed.status == ParseStatus::Usage) {
-        err << "opxpack: " << parsed.message << "\nRun opxpack --help for the options.\n";
-        err.flush();
-        return int(ExitCode::Usage);
-    }
+    const int answered = kit::answerCommandLine(QStringLiteral("opxpack"), parseOptions(arguments, &options), out, err);
+    if (answered >= 0)
+        return answered;
 
     StickBuilder builder(options, applicationDir);
     if (!builder.check() || !builder.build()) {

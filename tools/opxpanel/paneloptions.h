@@ -3,18 +3,16 @@
 #pragma once
 
 #include "tools/kit/panel.h"
+#include "tools/kit/toolcli.h"
 
 #include <QString>
 #include <QStringList>
 
 namespace opxpanel {
 
-// The process status of opxpanel.
-enum class ExitCode : int {
-    Success = 0,
-    Failure = 1, // the root, the runtime or the backup cannot be used, or writing failed
-    Usage = 2,   // the command line is malformed
-};
+using kit::ExitCode;
+using kit::ParseOutcome;
+using kit::ParseStatus;
 
 struct PanelOptions
 {
@@ -23,18 +21,6 @@ struct PanelOptions
     kit::PanelSpec panel;      // everything the panel holds; runtimeSourceDir and backupProjectFile as given
     bool running = false;      // start a stand-in runtime application
     bool print = false;        // list what was made
-};
-
-enum class ParseStatus {
-    Ok,
-    Help,  // `message` is the help text
-    Usage, // `message` says what is wrong
-};
-
-struct ParseOutcome
-{
-    ParseStatus status = ParseStatus::Ok;
-    QString message;
 };
 
 // Reads `arguments` (the program name first) into `options`. Usage when an

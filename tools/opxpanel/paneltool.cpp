@@ -78,17 +78,9 @@ void printTree(const QString& root, QTextStream& out)
 int run(const QStringList& arguments, QTextStream& out, QTextStream& err)
 {
     PanelOptions options;
-    const ParseOutcome parsed = parseOptions(arguments, &options);
-    if (parsed.status == ParseStatus::Help) {
-        out << parsed.message;
-        out.flush();
-        return int(ExitCode::Success);
-    }
-    if (parsed.status == ParseStatus::Usage) {
-        err << "opxpanel: " << parsed.message << "\nRun opxpanel --help for the options.\n";
-        err.flush();
-        return int(ExitCode::Usage);
-    }
+    const int answered = kit::answerCommandLine(QStringLiteral("opxpanel"), parseOptions(arguments, &options), out, err);
+    if (answered >= 0)
+        return answered;
 
     const QString root = QDir::cleanPath(QFileInfo(options.root).absoluteFilePath());
     const QFileInfo rootInfo(root);
