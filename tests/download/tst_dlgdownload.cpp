@@ -10,9 +10,9 @@
 #include "log/clogger.h"
 #include "text/multilingualmanager.h"
 
+#include "boxanswerer.h"
 #include "testenv.h"
 
-#include <QAbstractButton>
 #include <QApplication>
 #include <QDesktopWidget>
 #include <QDir>
@@ -24,7 +24,6 @@
 #include <QTemporaryDir>
 #include <QTextBlock>
 #include <QTextEdit>
-#include <QTimer>
 #include <QtTest>
 
 #include <cstring>
@@ -60,58 +59,6 @@ QString enabledButtons(const dlgDownLoad& dialog)
         states += child<QPushButton>(dialog, name)->isEnabled() ? QLatin1Char('1') : QLatin1Char('0');
     return states;
 }
-
-// What a modal box showed before it was answered.
-struct SeenBox
-{
-    QString title;
-    QString text;
-    QStringList buttons;
-    QMessageBox::Icon icon = QMessageBox::NoIcon;
-    Qt::WindowFlags flags;
-    bool windowIconNull = false;
-};
-
-// Answers the modal message boxes that open while it lives, in order, with the
-// given buttons, and records each one.
-class BoxAnswerer : public QObject
-{
-public:
-    explicit BoxAnswerer(QList<QMessageBox::StandardButton> answers)
-        : m_answers(std::move(answers))
-    {
-        connect(&m_timer, &QTimer::timeout, this, &BoxAnswerer::poll);
-        m_timer.start(20);
-    }
-
-    QList<SeenBox> seen;
-
-private:
-    void poll()
-    {
-        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (box == nullptr || !box->isVisible())
-            return;
-        SeenBox record;
-        record.title = box->windowTitle();
-        record.text = box->text();
-        for (QAbstractButton* button : box->buttons())
-            record.buttons << button->text();
-        record.icon = box->icon();
-        record.flags = box->windowFlags();
-        record.windowIconNull = box->windowIcon().isNull();
-        seen << record;
-        const QMessageBox::StandardButton answer = m_answers.isEmpty() ? QMessageBox::Ok : m_answers.takeFirst();
-        QAbstractButton* button = box->button(answer);
-        if (button != nullptr)
-            button->click();
-        else
-            box->reject();
-    }
-
-    QList<QMessageBox::StandardButton> m_answers;
-    QTimer m_timer;
-};
 
 // Creates the files (or, ending in "/", directories) below `root`.
 void populate(const QString& root, const QStringList& entries)
@@ -366,17 +313,17 @@ void TestDlgDownload::resumeCloseAsksAndReboots()
 {
     dlgDownLoad dialog{QString(), QString()};
     dialog.setResumeMode(true);
-    BoxAnswerer answerer({QMessageBox::Ok, QMessageBox::Ok});
+    testenv::BoxAnswerer answerer({QMessageBox::Ok, QMessageBox::Ok});
     QVERIFY(dialog.close());
 
-    QCOMPARE(answerer.seen.size(), 2);
-    const SeenBox& note = answerer.seen[0];
+    QCOMPARE(answerer.seen().size(), 2);
+    const testenv::SeenBox& note = answerer.seen()[0];
     QCOMPARE(note.title, msg(2030));
     QCOMPARE(note.text, QStringLiteral("运行环境已更新，需要重启系统，请确认!"));
     QCOMPARE(note.buttons, QStringList{QStringLiteral("确认")});
     QCOMPARE(note.icon, QMessageBox::Information);
     QVERIFY(note.flags & Qt::WindowStaysOnTopHint);
-    const SeenBox& failure = answerer.seen[1];
+    const testenv::SeenBox& failure = answerer.seen()[1];
     QCOMPARE(failure.title, msg(2030));
     QCOMPARE(failure.text, QString::fromLocal8Bit(std::strerror(5)));
     QVERIFY(!QFile::exists(m_panel->path(QStringLiteral("/var/run/reboot-requested"))));
@@ -400,14 +347,14 @@ void TestDlgDownload::restartButton()
     QVERIFY(QTest::qWaitForWindowExposed(&dialog));
     auto* restart = child<QPushButton>(dialog, "btnRestart");
     restart->setText(msg(caption));
-    BoxAnswerer answerer({QMessageBox::Ok});
+    testenv::BoxAnswerer answerer({QMessageBox::Ok});
     restart->click();
 
-    QCOMPARE(answerer.seen.size(), rebootTried ? 1 : 0);
+    QCOMPARE(answerer.seen().size(), rebootTried ? 1 : 0);
     QCOMPARE(dialog.isVisible(), rebootTried);
     if (rebootTried) {
-        QCOMPARE(answerer.seen[0].title, QStringLiteral("提示"));
-        QCOMPARE(answerer.seen[0].text, QString::fromLocal8Bit(std::strerror(5)));
+        QCOMPARE(answerer.seen()[0].title, QStringLiteral("提示"));
+        QCOMPARE(answerer.seen()[0].text, QString::fromLocal8Bit(std::strerror(5)));
     }
     dialog.close();
 }
@@ -415,13 +362,13 @@ void TestDlgDownload::restartButton()
 void TestDlgDownload::countdown()
 {
     dlgDownLoad dialog{QString(), QString()};
-    BoxAnswerer answerer({QMessageBox::Ok});
+    testenv::BoxAnswerer answerer({QMessageBox::Ok});
     for (int tick = 0; tick < 10; ++tick)
         dialog.onTimer();
-    QVERIFY(answerer.seen.isEmpty());
+    QVERIFY(answerer.seen().isEmpty());
     dialog.onTimer();
-    QCOMPARE(answerer.seen.size(), 1);
-    QCOMPARE(answerer.seen[0].text, QString::fromLocal8Bit(std::strerror(5)));
+    QCOMPARE(answerer.seen().size(), 1);
+    QCOMPARE(answerer.seen()[0].text, QString::fromLocal8Bit(std::strerror(5)));
     // After a failed reboot the countdown starts over at 10 and has already
     // been counted down once.
     dialog.onTimer();
@@ -508,13 +455,13 @@ void TestDlgDownload::askYesNo()
     dlgDownLoad dialog{QString(), QString()};
     dialog.show();
     QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-    BoxAnswerer answerer({QMessageBox::StandardButton(answer)});
+    testenv::BoxAnswerer answerer({QMessageBox::StandardButton(answer)});
     const bool result = dialog.askYesNo(
         question ? dlgDownLoad::QuestionIcon::Question : dlgDownLoad::QuestionIcon::Information, msg(2034), msg(2116));
 
     QCOMPARE(result, expected);
-    QCOMPARE(answerer.seen.size(), 1);
-    const SeenBox& box = answerer.seen[0];
+    QCOMPARE(answerer.seen().size(), 1);
+    const testenv::SeenBox& box = answerer.seen()[0];
     QCOMPARE(box.title, QStringLiteral("升级运行环境确认"));
     QCOMPARE(box.text, msg(2116));
     QCOMPARE(box.icon, question ? QMessageBox::Question : QMessageBox::Information);

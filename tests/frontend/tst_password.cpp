@@ -4,9 +4,9 @@
 #include "frontend/md5_crypt_ctrl.h"
 #include "frontend/pwdentrydialog.h"
 
+#include "boxanswerer.h"
 #include "testenv.h"
 
-#include <QAbstractButton>
 #include <QApplication>
 #include <QCryptographicHash>
 #include <QDesktopWidget>
@@ -20,7 +20,6 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSignalSpy>
-#include <QTimer>
 #include <QVBoxLayout>
 #include <QtTest>
 
@@ -100,56 +99,6 @@ QStringList captions(const PwdEntryDialog& dialog)
         texts << child<QPushButton>(dialog, name)->text();
     return texts;
 }
-
-// What a message box showed before it was answered.
-struct SeenBox
-{
-    QString title;
-    QString text;
-    QStringList buttons;
-    QMessageBox::Icon icon = QMessageBox::NoIcon;
-    Qt::WindowFlags flags;
-    QString fontFamily;
-    int fontPixelSize = 0;
-    bool iconHasPixmap = true;
-    QWidget* parent = nullptr;
-};
-
-// Answers every modal message box with OK while it lives and records it.
-class BoxAnswerer : public QObject
-{
-public:
-    BoxAnswerer()
-    {
-        connect(&m_timer, &QTimer::timeout, this, &BoxAnswerer::poll);
-        m_timer.start(10);
-    }
-
-    QList<SeenBox> seen;
-
-private:
-    void poll()
-    {
-        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (box == nullptr || !box->isVisible())
-            return;
-        SeenBox record;
-        record.title = box->windowTitle();
-        record.text = box->text();
-        for (QAbstractButton* button : box->buttons())
-            record.buttons << button->text();
-        record.icon = box->icon();
-        record.flags = box->windowFlags();
-        record.fontFamily = box->font().family();
-        record.fontPixelSize = box->font().pixelSize();
-        record.iconHasPixmap = !box->windowIcon().pixmap(16).isNull();
-        record.parent = box->parentWidget();
-        seen << record;
-        box->button(QMessageBox::Ok)->click();
-    }
-
-    QTimer m_timer;
-};
 
 } // namespace
 
@@ -432,7 +381,7 @@ void PasswordTest::acceptsWhileTyping()
 {
     const auto dialog = openDialog("AB1");
     QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    BoxAnswerer boxes;
+    testenv::BoxAnswerer boxes;
 
     typeKeys(*dialog, QStringLiteral("AB"));
     QCOMPARE(lineEdit(*dialog)->text(), QStringLiteral("AB"));
@@ -444,22 +393,22 @@ void PasswordTest::acceptsWhileTyping()
     QVERIFY(dialog->isAccessAllowed());
     QVERIFY(!dialog->isVisible());
     QVERIFY(lineEdit(*dialog)->text().isEmpty());
-    QVERIFY(boxes.seen.isEmpty());
+    QVERIFY(boxes.seen().isEmpty());
 }
 
 void PasswordTest::tooLongShowsBoxUntilShortenedAgain()
 {
     const auto dialog = openDialog("AB1");
     QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    BoxAnswerer boxes;
+    testenv::BoxAnswerer boxes;
 
     typeKeys(*dialog, QStringLiteral("Z").repeated(20));
     QCOMPARE(lineEdit(*dialog)->text().length(), 20);
-    QVERIFY(boxes.seen.isEmpty());
+    QVERIFY(boxes.seen().isEmpty());
 
     typeKeys(*dialog, QStringLiteral("Z"));
-    QCOMPARE(boxes.seen.size(), 1);
-    const SeenBox box = boxes.seen.first();
+    QCOMPARE(boxes.seen().size(), 1);
+    const testenv::SeenBox box = boxes.seen().first();
     QCOMPARE(box.title, QStringLiteral("#1001"));
     QCOMPARE(box.text, QStringLiteral("#1012"));
     QCOMPARE(box.buttons, QStringList{QStringLiteral("#1003")});
@@ -468,23 +417,23 @@ void PasswordTest::tooLongShowsBoxUntilShortenedAgain()
     QVERIFY(box.flags & Qt::WindowStaysOnTopHint);
     QCOMPARE(box.fontFamily, QStringLiteral("宋体"));
     QCOMPARE(box.fontPixelSize, 12);
-    QVERIFY(!box.iconHasPixmap);
+    QVERIFY(!box.windowIconHasPixmap);
     QCOMPARE(box.parent, dialog.get());
     // Not cut: the next key reports again.
     QCOMPARE(lineEdit(*dialog)->text().length(), 21);
     typeKeys(*dialog, QStringLiteral("Z"));
-    QCOMPARE(boxes.seen.size(), 2);
+    QCOMPARE(boxes.seen().size(), 2);
 
     for (int i = 0; i < 22; ++i)
         press(*dialog, QStringLiteral("keyBtnBack"));
     QVERIFY(lineEdit(*dialog)->text().isEmpty());
-    QCOMPARE(boxes.seen.size(), 3);
+    QCOMPARE(boxes.seen().size(), 3);
     QCOMPARE(allowed.count(), 0);
 
     typeKeys(*dialog, QStringLiteral("AB1"));
     QCOMPARE(allowed.count(), 1);
     QVERIFY(!dialog->isVisible());
-    QCOMPARE(boxes.seen.size(), 3);
+    QCOMPARE(boxes.seen().size(), 3);
 }
 
 void PasswordTest::capFollowsCaptions()
@@ -604,22 +553,22 @@ void PasswordTest::confirmReportsWrongPassword()
 {
     const auto dialog = openDialog("AB1");
     QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    BoxAnswerer boxes;
+    testenv::BoxAnswerer boxes;
 
     typeKeys(*dialog, QStringLiteral("AB2"));
     press(*dialog, QStringLiteral("keyBtnConfirm"));
-    QCOMPARE(boxes.seen.size(), 1);
-    QCOMPARE(boxes.seen.first().title, QStringLiteral("#1001"));
-    QCOMPARE(boxes.seen.first().text, QStringLiteral("#1013"));
-    QCOMPARE(boxes.seen.first().buttons, QStringList{QStringLiteral("#1003")});
-    QCOMPARE(boxes.seen.first().icon, QMessageBox::Information);
-    QCOMPARE(boxes.seen.first().parent, dialog.get());
+    QCOMPARE(boxes.seen().size(), 1);
+    QCOMPARE(boxes.seen().first().title, QStringLiteral("#1001"));
+    QCOMPARE(boxes.seen().first().text, QStringLiteral("#1013"));
+    QCOMPARE(boxes.seen().first().buttons, QStringList{QStringLiteral("#1003")});
+    QCOMPARE(boxes.seen().first().icon, QMessageBox::Information);
+    QCOMPARE(boxes.seen().first().parent, dialog.get());
     QVERIFY(lineEdit(*dialog)->text().isEmpty());
     QVERIFY(dialog->isVisible());
 
     // Also with nothing typed: the key always reports.
     press(*dialog, QStringLiteral("keyBtnConfirm"));
-    QCOMPARE(boxes.seen.size(), 2);
+    QCOMPARE(boxes.seen().size(), 2);
     QCOMPARE(allowed.count(), 0);
     dialog->close();
 }
@@ -669,7 +618,7 @@ void PasswordTest::closingClearsTheEntry()
 void PasswordTest::literalsWithoutTextLookup()
 {
     const auto dialog = openDialog("AB1", std::function<QString(int)>());
-    BoxAnswerer boxes;
+    testenv::BoxAnswerer boxes;
 
     QCOMPARE(dialog->windowTitle(), QStringLiteral("OPX密码输入"));
     QCOMPARE(child<QLabel>(*dialog, QStringLiteral("label"))->text(), QStringLiteral("请输入密码:"));
@@ -677,13 +626,13 @@ void PasswordTest::literalsWithoutTextLookup()
 
     press(*dialog, QStringLiteral("keyBtnConfirm"));
     typeKeys(*dialog, QStringLiteral("Z").repeated(21));
-    QCOMPARE(boxes.seen.size(), 2);
-    QCOMPARE(boxes.seen.at(0).title, QStringLiteral("提示"));
-    QCOMPARE(boxes.seen.at(0).text, QStringLiteral("密码输入错误!"));
-    QCOMPARE(boxes.seen.at(0).buttons, QStringList{QStringLiteral("确认")});
-    QCOMPARE(boxes.seen.at(1).title, QStringLiteral("提示"));
-    QCOMPARE(boxes.seen.at(1).text, QStringLiteral("密码最大长度为20个字符!"));
-    QCOMPARE(boxes.seen.at(1).buttons, QStringList{QStringLiteral("确认")});
+    QCOMPARE(boxes.seen().size(), 2);
+    QCOMPARE(boxes.seen().at(0).title, QStringLiteral("提示"));
+    QCOMPARE(boxes.seen().at(0).text, QStringLiteral("密码输入错误!"));
+    QCOMPARE(boxes.seen().at(0).buttons, QStringList{QStringLiteral("确认")});
+    QCOMPARE(boxes.seen().at(1).title, QStringLiteral("提示"));
+    QCOMPARE(boxes.seen().at(1).text, QStringLiteral("密码最大长度为20个字符!"));
+    QCOMPARE(boxes.seen().at(1).buttons, QStringList{QStringLiteral("确认")});
     dialog->close();
 }
 

@@ -9,9 +9,9 @@
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
+#include "boxanswerer.h"
 #include "testenv.h"
 
-#include <QAbstractButton>
 #include <QApplication>
 #include <QDir>
 #include <QDirIterator>
@@ -53,46 +53,6 @@ QString paneText(const dlgDownLoad& dialog)
 {
     return dialog.findChild<QTextEdit*>(QStringLiteral("textEdit"))->toPlainText();
 }
-
-// Answers the modal boxes that open while it lives, in order, and records each
-// as "title|text".
-class BoxAnswerer : public QObject
-{
-public:
-    explicit BoxAnswerer(QList<int> answers)
-        : m_answers(std::move(answers))
-    {
-        connect(&m_timer, &QTimer::timeout, this, &BoxAnswerer::poll);
-        m_timer.start(10);
-    }
-
-    QStringList seen;
-    QList<QMessageBox::Icon> icons;
-    QList<QStringList> buttons;
-
-private:
-    void poll()
-    {
-        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (box == nullptr || !box->isVisible())
-            return;
-        seen << box->windowTitle() + QLatin1Char('|') + box->text();
-        icons << box->icon();
-        QStringList captions;
-        for (QAbstractButton* button : box->buttons())
-            captions << button->text();
-        buttons << captions;
-        const auto answer = static_cast<QMessageBox::StandardButton>(m_answers.isEmpty() ? int(QMessageBox::No)
-                                                                                         : m_answers.takeFirst());
-        if (QAbstractButton* button = box->button(answer))
-            button->click();
-        else
-            box->reject();
-    }
-
-    QList<int> m_answers;
-    QTimer m_timer;
-};
 
 // The panel's files, for "nothing has changed".
 QMap<QString, QByteArray> panelFiles(const QString& root)
@@ -251,13 +211,19 @@ void tst_sequence::runtimeQuestions()
     dialog->show();
     QVERIFY(QTest::qWaitForWindowExposed(dialog.get()));
     {
-        BoxAnswerer answerer(answers);
+        QList<QMessageBox::StandardButton> buttons;
+        for (int answer : answers)
+            buttons << QMessageBox::StandardButton(answer);
+        testenv::BoxAnswerer answerer(buttons, QMessageBox::No);
         dialog->clickedStartBt();
-        QCOMPARE(answerer.seen, boxes);
-        for (const QStringList& captions : answerer.buttons)
-            QCOMPARE(captions, (QStringList{msg(1004), msg(1005)}));
-        if (!answerer.icons.isEmpty() && answerer.seen.first().startsWith(msg(2034)))
-            QCOMPARE(answerer.icons.first(), QMessageBox::Question);
+        QStringList seen;
+        for (const testenv::SeenBox& box : answerer.seen())
+            seen << box.title + QLatin1Char('|') + box.text;
+        QCOMPARE(seen, boxes);
+        for (const testenv::SeenBox& box : answerer.seen())
+            QCOMPARE(box.buttons, (QStringList{msg(1004), msg(1005)}));
+        if (!seen.isEmpty() && seen.first().startsWith(msg(2034)))
+            QCOMPARE(answerer.seen().first().icon, QMessageBox::Question);
     }
 
     QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));

@@ -11,10 +11,9 @@
 #include "tools/kit/panel.h"
 
 #include "stderrcapture.h"
+#include "boxanswerer.h"
 #include "testenv.h"
 
-#include <QAbstractButton>
-#include <QApplication>
 #include <QDir>
 #include <QLayout>
 #include <QMessageBox>
@@ -69,56 +68,6 @@ QByteArray randomBytes(int size, quint32 seed)
         bytes[i] = char(generator.bounded(256));
     return bytes;
 }
-
-struct SeenBox
-{
-    QString title;
-    QString text;
-    QStringList buttons;
-    QMessageBox::Icon icon = QMessageBox::NoIcon;
-    Qt::WindowFlags flags;
-    bool hasParent = true;
-};
-
-// Answers the modal message boxes that open while it lives: Yes, No, or
-// (NoButton) a reject that is neither.
-class BoxAnswerer : public QObject
-{
-public:
-    explicit BoxAnswerer(QMessageBox::StandardButton answer)
-        : m_answer(answer)
-    {
-        connect(&m_timer, &QTimer::timeout, this, &BoxAnswerer::poll);
-        m_timer.start(20);
-    }
-
-    QList<SeenBox> seen;
-
-private:
-    void poll()
-    {
-        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (box == nullptr || !box->isVisible())
-            return;
-        SeenBox record;
-        record.title = box->windowTitle();
-        record.text = box->text();
-        for (QAbstractButton* button : box->buttons())
-            record.buttons << button->text();
-        record.buttons.sort();
-        record.icon = box->icon();
-        record.flags = box->windowFlags();
-        record.hasParent = box->parentWidget() != nullptr;
-        seen << record;
-        if (m_answer == QMessageBox::NoButton)
-            box->reject();
-        else
-            box->button(m_answer)->click();
-    }
-
-    QMessageBox::StandardButton m_answer;
-    QTimer m_timer;
-};
 
 } // namespace
 
@@ -363,18 +312,20 @@ void TestZeltUpDlg::existingTarget()
 
     zeltUpDlg dialog(m_mainWindow, backupFile());
     dialog.show();
-    BoxAnswerer answerer{QMessageBox::StandardButton(answer)};
+    testenv::BoxAnswerer answerer({}, QMessageBox::StandardButton(answer));
     StderrCapture err;
     dialog.clickedStartUpBt();
     QCOMPARE(err.take(), QByteArray());
 
-    QCOMPARE(answerer.seen.size(), 1);
-    const SeenBox& box = answerer.seen.first();
+    QCOMPARE(answerer.seen().size(), 1);
+    const testenv::SeenBox& box = answerer.seen().first();
     QCOMPARE(box.title, msg(2030));
     QCOMPARE(box.text, QStringLiteral("U盘中已包含一个名为“OPX上传工程.abc”的文件，是否覆盖？"));
-    QCOMPARE(box.buttons, (QStringList{msg(1005), msg(1004)}));
+    QStringList buttons = box.buttons;
+    buttons.sort();
+    QCOMPARE(buttons, (QStringList{msg(1005), msg(1004)}));
     QCOMPARE(box.icon, QMessageBox::Warning);
-    QVERIFY(!box.hasParent);
+    QCOMPARE(box.parent, nullptr);
     QVERIFY(box.flags & Qt::WindowStaysOnTopHint);
     QVERIFY(!(box.flags & Qt::WindowContextHelpButtonHint));
 
