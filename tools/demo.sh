@@ -59,9 +59,15 @@ if [ "$mode" = interactive ]; then
     exit "$status"
 fi
 
+# The package finds its options anywhere inside an argument: a report
+# directory whose path holds "-s" or "-p" (a clone in ~/my-stuff, say) would be
+# read as another option. The report is written to a plain directory first.
+report_dir=$(mktemp -d /tmp/opxdemo_XXXXXX)
 KAVO_PANEL_ROOT=$panel QT_QPA_PLATFORM=offscreen \
-    ./opxupdateu/opxupdateu_proj.bin "-s sample" "-p $out" >/dev/null \
+    ./opxupdateu/opxupdateu_proj.bin "-s sample" "-p $report_dir" >/dev/null \
     2> >(grep -v '^Unknown property font-margin$' >&2)
+mv "$report_dir"/* "$out"/ 2>/dev/null || true
+rmdir "$report_dir"
 echo "Result report ($out/pro_update_result.log):"
 echo "----"
 cat "$out/pro_update_result.log"

@@ -510,7 +510,7 @@ void tst_download_e2e::download()
 
     QTemporaryDir panelDir;
     QTemporaryDir stickDir;
-    QTemporaryDir outDir;
+    testenv::OptionSafeDir outDir;
     QVERIFY(panelDir.isValid() && stickDir.isValid() && outDir.isValid());
     const QString panel = panelDir.path();
     const QString stick = stickDir.path();

@@ -147,7 +147,7 @@ void tst_executable::directReport()
 
     testenv::TempPanel panel;
     testenv::TempStick stick;
-    QTemporaryDir out;
+    testenv::OptionSafeDir out;
     QVERIFY(panel.isValid() && stick.isValid() && out.isValid());
     report = substitute(report, out.path(), stick.packageDir());
     if (!earlierReport.isNull())
@@ -194,7 +194,7 @@ void tst_executable::languageReachesReport()
 
     testenv::TempPanel panel;
     testenv::TempStick stick;
-    QTemporaryDir out;
+    testenv::OptionSafeDir out;
     QVERIFY(panel.isValid() && stick.isValid() && out.isValid());
     QVERIFY(testenv::writeFile(stick.packageDir() + "/language/0003.lan", kLanguage0003));
     if (!panelSetupDir.isNull())
@@ -236,7 +236,7 @@ void tst_executable::stopsOtherCopies()
 
     testenv::TempPanel panel;
     testenv::TempStick stick;
-    QTemporaryDir out;
+    testenv::OptionSafeDir out;
     QVERIFY(panel.isValid() && stick.isValid() && out.isValid());
     const testenv::RunResult run = testenv::runPackage(stick, panel.root(), {"-s proj", "-p " + out.path()});
     QVERIFY(run.finished);
@@ -285,7 +285,7 @@ void tst_executable::displayServerFallback()
                                       QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner));
     }
 
-    QTemporaryDir out;
+    testenv::OptionSafeDir out;
     QElapsedTimer clock;
     clock.start();
     const testenv::RunResult run = testenv::runPackage(stick, root, {"-s proj", "-p " + out.path()});
@@ -314,7 +314,7 @@ void tst_executable::displayServerAnswers()
 {
     testenv::TempPanel panel;
     testenv::TempStick stick;
-    QTemporaryDir out;
+    testenv::OptionSafeDir out;
     QVERIFY(panel.isValid() && stick.isValid() && out.isValid());
     QVERIFY(testenv::writeFile(stick.packageDir() + "/qws/qwsserver", fakeServerScript()));
     QVERIFY(QDir().mkpath(panel.path("/tmp/qtembedded-0")));

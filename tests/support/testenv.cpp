@@ -8,6 +8,12 @@
 
 namespace testenv {
 
+OptionSafeDir::OptionSafeDir()
+    : QTemporaryDir(QDir::tempPath() + QStringLiteral("/opxtest_XXXXXX"))
+{
+}
+
+
 bool writeFile(const QString& path, const QByteArray& data)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());

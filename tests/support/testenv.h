@@ -12,6 +12,17 @@
 
 namespace testenv {
 
+// A temporary directory whose path may be handed to the package inside an
+// option ("-p DIR"). The package finds its options anywhere inside an
+// argument, and QTemporaryDir's own names put a random letter right after a
+// "-": one run in a few dozen would read "-sXyz..." in the path as "-s" and
+// download a project named after the path. These names hold no "-".
+class OptionSafeDir : public QTemporaryDir
+{
+public:
+    OptionSafeDir();
+};
+
 // Writes `data` to `path`, creating missing directories.
 bool writeFile(const QString& path, const QByteArray& data);
 QByteArray readFile(const QString& path);

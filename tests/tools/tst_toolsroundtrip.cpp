@@ -93,7 +93,7 @@ void tst_ToolsRoundTrip::packageAcceptsToolsOutput()
     QFETCH(bool, userAreaCleared);
     QFETCH(bool, recipeCleared);
 
-    QTemporaryDir work;
+    testenv::OptionSafeDir work;
     QVERIFY(work.isValid());
     const QString project = sample ? qEnvironmentVariable("OPX_SOURCE_DIR") + "/examples/sample"
                                    : work.path() + "/generated";
