@@ -1,6 +1,6 @@
 // Platform and version compatibility: finding the panel's C library, the
 // hardware conditions of a project and the project/runtime version rule.
-#include "descrecorder.h"
+#include "recordingdownload.h"
 #include "testenv.h"
 
 #include "platform/kavo_api.h"

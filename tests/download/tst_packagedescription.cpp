@@ -1,7 +1,7 @@
 // Reading the package description files: the usable-description test, the
 // project description (platform, file list, destinations, clear flags) and
 // the package product from version.ini.
-#include "descrecorder.h"
+#include "recordingdownload.h"
 #include "testenv.h"
 
 #include <QDataStream>

@@ -3,10 +3,25 @@
 #include "tools/kit/armelf.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
 namespace testenv {
+
+QStringList entriesWithSizes(const QString& dir)
+{
+    QStringList entries;
+    QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        entries << QDir(dir).relativeFilePath(it.filePath()) + QLatin1Char(' ')
+                       + QString::number(it.fileInfo().isDir() ? -1 : it.fileInfo().size());
+    }
+    entries.sort();
+    return entries;
+}
 
 OptionSafeDir::OptionSafeDir()
     : QTemporaryDir(QDir::tempPath() + QStringLiteral("/opxtest_XXXXXX"))

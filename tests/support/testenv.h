@@ -23,6 +23,10 @@ public:
     OptionSafeDir();
 };
 
+// Every entry below `dir` as "relative/path SIZE" (-1 for a directory),
+// sorted, so that "nothing was written" is one comparison.
+QStringList entriesWithSizes(const QString& dir);
+
 // Writes `data` to `path`, creating missing directories.
 bool writeFile(const QString& path, const QByteArray& data);
 QByteArray readFile(const QString& path);

@@ -1,6 +1,7 @@
 // opxpack, the stick builder: what it refuses (and that it then writes
 // nothing), where it lays the project out for each panel family, and whether
 // the package's own readers accept what it wrote.
+#include "recordingdownload.h"
 #include "testenv.h"
 
 #include "download/projectdownload.h"
@@ -19,42 +20,6 @@
 #include <zlib.h>
 
 namespace {
-
-// A download without a screen that records what its routines say.
-class RecordingDownload : public ProjectDownload
-{
-public:
-    RecordingDownload()
-        : ProjectDownload(QString(), QStringLiteral("0"))
-    {
-    }
-    QStringList events;
-
-protected:
-    void setTextEditContent(const QString& text) override { events << QStringLiteral("text: ") + text; }
-    void resetUpgrageUI(const QString& text) override { events << QStringLiteral("fail: ") + text; }
-    void setBntEnable(bool, bool, bool) override {}
-    bool askYesNo(QuestionIcon, const QString&, const QString& text) override
-    {
-        events << QStringLiteral("ask: ") + text;
-        return false;
-    }
-};
-
-// Every entry below `dir` with its size, so that "nothing written" is one compare.
-QStringList snapshot(const QString& dir)
-{
-    QStringList entries;
-    QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        it.next();
-        entries << QDir(dir).relativeFilePath(it.filePath()) + QLatin1Char(' ')
-                       + QString::number(it.fileInfo().isDir() ? -1 : it.fileInfo().size());
-    }
-    entries.sort();
-    return entries;
-}
 
 QByteArray crcText(const QByteArray& data)
 {
@@ -295,12 +260,12 @@ void tst_Opxpack::refusesAndWritesNothing()
         break;
     }
 
-    const QStringList before = snapshot(work());
+    const QStringList before = testenv::entriesWithSizes(work());
     const Run run = pack(arguments);
     QCOMPARE(run.code, code);
     QCOMPARE(run.err.section(QLatin1Char('\n'), 0, 0), QString(message).replace(QLatin1String("{W}"), work()));
     QVERIFY(run.out.isEmpty());
-    QCOMPARE(snapshot(work()), before);
+    QCOMPARE(testenv::entriesWithSizes(work()), before);
 }
 
 void tst_Opxpack::largestFileStillFits()
@@ -386,7 +351,7 @@ void tst_Opxpack::layout()
     const QByteArray checked = md5sum.readAllStandardOutput();
     QCOMPARE(checked.count('\n'), runtime.files.size());
     QVERIFY(!checked.contains("update.ini"));
-    QVERIFY(snapshot(stick).filter(QStringLiteral(".opxpack")).isEmpty());
+    QVERIFY(testenv::entriesWithSizes(stick).filter(QStringLiteral(".opxpack")).isEmpty());
 }
 
 void tst_Opxpack::packageReadsDescription()
@@ -485,16 +450,16 @@ void tst_Opxpack::replacesOnlyWithForce()
     // A second pack of the same project is refused and changes nothing.
     QVERIFY(QFile::remove(work("project/main.bin")));
     QVERIFY(testenv::writeFile(work("project/new.bin"), "new\n"));
-    const QStringList before = snapshot(work("stick"));
+    const QStringList before = testenv::entriesWithSizes(work("stick"));
     const Run refused = pack(first);
     QCOMPARE(refused.code, 1);
-    QCOMPARE(snapshot(work("stick")), before);
+    QCOMPARE(testenv::entriesWithSizes(work("stick")), before);
 
     // With --force the project is the new one, file for file, and nothing of
     // the staging is left on the stick; the other project stays.
     const Run replaced = pack(first + QStringList{"--force", "--variant", "none"});
     QVERIFY2(replaced.code == 0, qPrintable(replaced.err));
-    const QStringList stick = snapshot(work("stick"));
+    const QStringList stick = testenv::entriesWithSizes(work("stick"));
     QStringList project;
     for (const QString& entry : stick.filter(QRegularExpression(QStringLiteral("^project/"))))
         project << entry.section(QLatin1Char(' '), 0, 0);

@@ -21,20 +21,6 @@
 
 namespace {
 
-QStringList snapshot(const QString& dir)
-{
-    QStringList entries;
-    QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        it.next();
-        entries << QDir(dir).relativeFilePath(it.filePath()) + QLatin1Char(' ')
-                       + QString::number(it.fileInfo().isDir() ? -1 : it.fileInfo().size());
-    }
-    entries.sort();
-    return entries;
-}
-
 struct Run
 {
     int code = -1;
@@ -151,12 +137,12 @@ void tst_Opxpanel::refusesAndWritesNothing()
     QFETCH(QString, message);
 
     QVERIFY(testenv::writeFile(work("busy/file"), "something\n"));
-    const QStringList before = snapshot(m_work->path());
+    const QStringList before = testenv::entriesWithSizes(m_work->path());
     const Run run = make(arguments);
     QCOMPARE(run.code, code);
     QCOMPARE(run.err.section(QLatin1Char('\n'), 0, 0), message.replace(QLatin1String("{W}"), m_work->path()));
     QVERIFY(run.out.isEmpty());
-    QCOMPARE(snapshot(m_work->path()), before);
+    QCOMPARE(testenv::entriesWithSizes(m_work->path()), before);
 }
 
 void tst_Opxpanel::panelSaysWhatWasAsked()
@@ -197,7 +183,7 @@ void tst_Opxpanel::panelSaysWhatWasAsked()
     QVERIFY(listing.contains(QStringLiteral("data/userfile/")));
     QVERIFY(listing.contains(QStringLiteral("lib/libc.so.6 (%1 bytes)").arg(QFileInfo(root + "/lib/libc.so.6").size())));
     QVERIFY(listing.contains(QStringLiteral("usr/kavo_app/project/#BKCompreProj.bin (%1 bytes)").arg(container.size())));
-    QCOMPARE(listing.size(), snapshot(root).size());
+    QCOMPARE(listing.size(), testenv::entriesWithSizes(root).size());
 }
 
 void tst_Opxpanel::installsRuntimeDirectory()

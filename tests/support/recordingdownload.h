@@ -1,4 +1,4 @@
-// A download without a screen for the description and compatibility tests: it
+// A download without a screen for the tests of its routines: it
 // records what the routines say, in order, as "text: ..." (text pane) and
 // "fail: ..." (failure report) lines.
 #pragma once
