@@ -8,6 +8,7 @@
 #include "frame/screensetting.h"
 #include "frontend/app_exit_failed_dlg.h"
 #include "text/multilingualmanager.h"
+#include "tools/screens/screenframe.h"
 
 #include <QApplication>
 #include <QDir>
@@ -29,17 +30,10 @@ int main(int argc, char* argv[])
     const QString outFile = QFileInfo(QString::fromLocal8Bit(argv[1])).absoluteFilePath();
     QDir().mkpath(QFileInfo(outFile).absolutePath());
 
-    initKavoResources();
-    MultilingualManager* table = MultilingualManager::GetInstance();
-    if (!table->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
-        std::fprintf(stderr, "appexit_screens: no text table\n");
+    if (!screens::prepare("appexit_screens"))
         return 1;
-    }
+    MultilingualManager* table = MultilingualManager::GetInstance();
     kavo_process::setMulLanguage(std::bind(&MultilingualManager::getMultilingualValue, table, std::placeholders::_1));
-
-    QFont font(QStringLiteral("宋体"));
-    font.setPixelSize(ScreenSetting::isSmallScreen() ? 12 : 16);
-    QApplication::setFont(font);
 
     app_exit_failed_dlg dialog(nullptr, kavo_process::_func);
     dialog.setPollMode(false);

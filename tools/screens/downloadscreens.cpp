@@ -11,6 +11,7 @@
 #include "frame/screensetting.h"
 #include "frame/winsize.h"
 #include "text/multilingualmanager.h"
+#include "tools/screens/screenframe.h"
 
 #include <QApplication>
 #include <QDir>
@@ -40,17 +41,9 @@ bool makeProject(const QString& root, const QString& contextPath)
     return file.open(QIODevice::WriteOnly);
 }
 
-// Lets the window system show and paint what changed.
-void settle()
-{
-    QEventLoop loop;
-    QTimer::singleShot(300, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-
 bool save(dlgDownLoad& dialog, const QString& outDir, const QString& state)
 {
-    settle();
+    screens::settle();
     const QString dialogFile = outDir + QStringLiteral("/download-") + state + QStringLiteral(".png");
     const QString screenFile = outDir + QStringLiteral("/screen-") + state + QStringLiteral(".png");
     if (!dialog.grab().save(dialogFile))
@@ -73,18 +66,8 @@ int main(int argc, char* argv[])
     const QString outDir = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
     QDir().mkpath(outDir);
 
-    initKavoResources();
-    if (!MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
-        std::fprintf(stderr, "download_screens: no text table\n");
+    if (!screens::prepare("download_screens"))
         return 1;
-    }
-
-    // The screen class and the application font as the package chooses them.
-    const bool small = ScreenSetting::isSmallScreen();
-    selectWinSize(ScreenSetting::deviceWidth());
-    QFont font(QStringLiteral("宋体"));
-    font.setPixelSize(small ? 12 : 16);
-    QApplication::setFont(font);
 
     QTemporaryDir stick;
     if (!stick.isValid() || !makeProject(stick.path(), QStringLiteral("生产线A/v7/context.dat"))

@@ -14,6 +14,7 @@
 #include "frontend/dlgupnote.h"
 #include "frontend/udiskupwin.h"
 #include "text/multilingualmanager.h"
+#include "tools/screens/screenframe.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
@@ -30,14 +31,6 @@
 
 namespace {
 
-// Lets the window system show and paint what changed.
-void settle()
-{
-    QEventLoop loop;
-    QTimer::singleShot(400, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-
 bool save(const QPixmap& picture, const QString& file)
 {
     if (!picture.save(file)) {
@@ -52,7 +45,7 @@ bool save(const QPixmap& picture, const QString& file)
 bool capture(QWidget& window, const QString& outDir, const QString& name)
 {
     window.show();
-    settle();
+    screens::settle(400);
     return save(window.grab(), outDir + QLatin1Char('/') + name + QStringLiteral(".png"))
            && save(window.screen()->grabWindow(0),
                    outDir + QStringLiteral("/screen-") + name + QStringLiteral(".png"));
@@ -70,17 +63,8 @@ int main(int argc, char* argv[])
     const QString outDir = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
     QDir().mkpath(outDir);
 
-    initKavoResources();
-    if (!MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
-        std::fprintf(stderr, "note_screens: no text table\n");
+    if (!screens::prepare("note_screens"))
         return 1;
-    }
-
-    // The screen class and the application font as the package chooses them.
-    selectWinSize(ScreenSetting::deviceWidth());
-    QFont font(QStringLiteral("宋体"));
-    font.setPixelSize(ScreenSetting::isSmallScreen() ? 12 : 16);
-    QApplication::setFont(font);
 
     QTemporaryDir panel;
     QTemporaryDir stick;

@@ -14,6 +14,7 @@
 #include "frontend/pwdentrydialog.h"
 #include "platform/platform.h"
 #include "text/multilingualmanager.h"
+#include "tools/screens/screenframe.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -32,14 +33,6 @@
 
 namespace {
 
-// Lets the window system show and paint what changed.
-void settle()
-{
-    QEventLoop loop;
-    QTimer::singleShot(300, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-
 bool report(bool saved, const QString& file)
 {
     if (saved)
@@ -51,7 +44,7 @@ bool report(bool saved, const QString& file)
 
 bool saveDialog(QWidget& dialog, const QString& file)
 {
-    settle();
+    screens::settle();
     return report(dialog.grab().save(file), file);
 }
 
@@ -95,17 +88,9 @@ int main(int argc, char* argv[])
         std::fprintf(stderr, "password_screens: cannot build the panel\n");
         return 1;
     }
-    initKavoResources();
-    MultilingualManager* texts = MultilingualManager::GetInstance();
-    if (!texts->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
-        std::fprintf(stderr, "password_screens: no text table\n");
+    if (!screens::prepare("password_screens"))
         return 1;
-    }
-
-    // The application font as the package chooses it for the screen class.
-    QFont font(QStringLiteral("宋体"));
-    font.setPixelSize(ScreenSetting::isSmallScreen() ? 12 : 16);
-    QApplication::setFont(font);
+    MultilingualManager* texts = MultilingualManager::GetInstance();
 
     PwdEntryDialog dialog(nullptr, [texts](int id) { return texts->getMultilingualValue(id); });
     dialog.show();
@@ -129,7 +114,7 @@ int main(int argc, char* argv[])
         if (box == nullptr || !box->isVisible())
             return;
         poll.stop();
-        settle();
+        screens::settle();
         boxSaved = report(box->screen()->grabWindow(0).save(boxFile), boxFile);
         box->button(QMessageBox::Ok)->click();
     });

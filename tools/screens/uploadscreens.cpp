@@ -10,6 +10,7 @@
 #include "frame/winsize.h"
 #include "platform/kavo_api.h"
 #include "text/multilingualmanager.h"
+#include "tools/screens/screenframe.h"
 #include "tools/kit/panel.h"
 #include "upload/zeltupdlg.h"
 
@@ -28,17 +29,9 @@
 
 namespace {
 
-// Lets the window system show and paint what changed.
-void settle()
-{
-    QEventLoop loop;
-    QTimer::singleShot(300, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-
 QImage capture(zeltUpDlg& dialog, const QString& file)
 {
-    settle();
+    screens::settle();
     const QImage image = dialog.grab().toImage();
     if (!image.save(file))
         return QImage();
@@ -58,18 +51,8 @@ int main(int argc, char* argv[])
     const QString outDir = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
     QDir().mkpath(outDir);
 
-    initKavoResources();
-    if (!MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile)) {
-        std::fprintf(stderr, "upload_screens: no text table\n");
+    if (!screens::prepare("upload_screens"))
         return 1;
-    }
-
-    // The screen class and the application font as the package chooses them.
-    const bool small = ScreenSetting::isSmallScreen();
-    selectWinSize(ScreenSetting::deviceWidth());
-    QFont font(QStringLiteral("宋体"));
-    font.setPixelSize(small ? 12 : 16);
-    QApplication::setFont(font);
 
     // A simulated panel with a project to upload, and a stick whose "opxbackup"
     // is the working directory, as the main window leaves it.
