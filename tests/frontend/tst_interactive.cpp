@@ -80,10 +80,8 @@ public:
     bool start()
     {
         m_server.setStandardErrorFile(QProcess::nullDevice());
-        m_server.start(QStringLiteral("Xvfb"), {QStringLiteral("-displayfd"), QStringLiteral("1"),
-                                                QStringLiteral("-screen"), QStringLiteral("0"),
-                                                QStringLiteral("%1x768x24").arg(kScreenWidth), QStringLiteral("-dpi"),
-                                                QStringLiteral("96"), QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+        m_server.start(QStringLiteral("Xvfb"),
+                       QStringLiteral("-displayfd 1 -screen 0 %1x768x24 -dpi 96 -nolisten tcp").arg(kScreenWidth).split(' '));
         QByteArray output;
         waitUntil([&] {
             m_server.waitForReadyRead(100);
@@ -97,15 +95,16 @@ public:
 
     QString name() const { return m_name; }
 
-    // Runs xdotool; true when it succeeded, its output in `out` when given.
-    bool xdotool(const QStringList& arguments, QByteArray* out = nullptr) const
+    // Runs xdotool with the space-separated `arguments`; true when it
+    // succeeded, its output in `out` when given.
+    bool xdotool(const QString& arguments, QByteArray* out = nullptr) const
     {
         QProcess tool;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("DISPLAY"), m_name);
         tool.setProcessEnvironment(env);
         tool.setStandardErrorFile(QProcess::nullDevice());
-        tool.start(QStringLiteral("xdotool"), arguments);
+        tool.start(QStringLiteral("xdotool"), arguments.split(QLatin1Char(' ')));
         if (!tool.waitForFinished(10000)) {
             tool.kill();
             tool.waitForFinished(5000);
@@ -121,14 +120,11 @@ public:
     {
         QList<QRect> found;
         QByteArray ids;
-        xdotool({QStringLiteral("search"), QStringLiteral("--onlyvisible"), QStringLiteral("--name"), QStringLiteral(".")},
-                &ids);
-        for (const QByteArray& id : ids.split('\n')) {
+        xdotool(QStringLiteral("search --onlyvisible --name ."), &ids);
+        for (const QByteArray& id : ids.simplified().split(' ')) {
             QByteArray answer;
-            const QString window = QString::fromLatin1(id.trimmed());
-            if (window.isEmpty()
-                || !xdotool({QStringLiteral("getwindowname"), window, QStringLiteral("getwindowgeometry"),
-                             QStringLiteral("--shell"), window},
+            if (id.isEmpty()
+                || !xdotool(QStringLiteral("getwindowname %1 getwindowgeometry --shell %1").arg(QLatin1String(id)),
                             &answer))
                 continue;
             QList<QByteArray> lines = answer.split('\n');
@@ -161,11 +157,9 @@ public:
         return waitUntil([&] { return !isShown(title); });
     }
 
-    // A click of the first mouse button at `point` on the screen.
     bool click(const QPoint& point) const
     {
-        return xdotool({QStringLiteral("mousemove"), QStringLiteral("--sync"), QString::number(point.x()),
-                        QString::number(point.y()), QStringLiteral("click"), QStringLiteral("1")});
+        return xdotool(QStringLiteral("mousemove --sync %1 %2 click 1").arg(point.x()).arg(point.y()));
     }
 
 private:
@@ -361,19 +355,14 @@ void tst_interactive::downloadByHand()
     // The project's files reach the panel, and the countdown keeps the dialog
     // up until the reboot.
     const QString projectArea = panel.path(QStringLiteral("/usr/kavo_app/project"));
-    const QString prefix = kit::projectPrefix(stick.path(), project);
     QStringList names;
     for (const kit::PackageFile& file : project.files)
         names << file.name;
-    names.sort();
     const auto projectOnPanel = [&] {
-        if (QDir(projectArea).entryList(QDir::Files | QDir::Hidden, QDir::Name) != names)
-            return false;
-        for (const QString& name : names) {
-            if (testenv::readFile(projectArea + QLatin1Char('/') + name) != testenv::readFile(prefix + name))
-                return false;
-        }
-        return true;
+        bool same = QDir(projectArea).entryList(QDir::Files | QDir::Hidden, QDir::Name) == names;
+        for (const kit::PackageFile& file : project.files)
+            same = same && testenv::readFile(projectArea + QLatin1Char('/') + file.name) == file.content;
+        return same;
     };
     QVERIFY2(waitUntil(projectOnPanel), qPrintable(stage("project not downloaded")));
     // The end of the run gives the dialog its project's name back.

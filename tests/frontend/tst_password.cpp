@@ -55,10 +55,7 @@ QLineEdit* lineEdit(const PwdEntryDialog& dialog)
 
 QPushButton* key(const PwdEntryDialog& dialog, const QString& name)
 {
-    auto* found = dialog.findChild<QPushButton*>(QStringLiteral("keyBtn") + name);
-    if (found == nullptr)
-        qFatal("no key %s", qPrintable(name));
-    return found;
+    return dialog.findChild<QPushButton*>(QStringLiteral("keyBtn") + name);
 }
 
 void press(const PwdEntryDialog& dialog, const QString& name)
@@ -88,13 +85,6 @@ QStringList captions(const PwdEntryDialog& dialog)
     return texts;
 }
 
-// The lock directory turned into a file: the lock cannot be created.
-bool breakLockDir(const testenv::TempPanel& panel)
-{
-    return QDir(panel.path(QStringLiteral("/tmp"))).removeRecursively()
-           && testenv::writeFile(panel.path(QStringLiteral("/tmp")), "not a directory");
-}
-
 } // namespace
 
 class PasswordTest : public QObject
@@ -117,7 +107,6 @@ private slots:
     void editingKeys_data();
     void editingKeys();
     void confirmReportsWrongPassword();
-    void gateOpensWhenPasswordVanishes_data();
     void gateOpensWhenPasswordVanishes();
 
 private:
@@ -160,12 +149,8 @@ void PasswordTest::cryptInit_data()
 
     const QByteArray digest = md5Hex("AB1");
     QTest::newRow("no configuration file") << QByteArray() << false << false << QByteArray();
-    QTest::newRow("no SECURITY group") << QByteArray("[GENERAL]\nlicense=" + digest + "\n") << false << true
-                                       << QByteArray();
     QTest::newRow("empty license") << configWith(QByteArray()) << false << true << QByteArray();
     QTest::newRow("digest") << configWith(digest) << false << true << digest;
-    QTest::newRow("upper-case digest kept as written") << configWith(digest.toUpper()) << false << true
-                                                       << digest.toUpper();
     QTest::newRow("lock file not creatable") << configWith(digest) << true << false << QByteArray();
 }
 
@@ -186,8 +171,10 @@ void PasswordTest::cryptInit()
         QVERIFY(QFile::remove(m_panel->path(kConfig)));
     else
         writeConfig(config);
-    if (breakLock)
-        QVERIFY(breakLockDir(*m_panel));
+    if (breakLock) { // the lock directory turned into a file
+        QVERIFY(QDir(m_panel->path(QStringLiteral("/tmp"))).removeRecursively());
+        QVERIFY(testenv::writeFile(m_panel->path(QStringLiteral("/tmp")), "not a directory"));
+    }
 
     QCOMPARE(crypt->CryptInit(), !digest.isEmpty());
     QVERIFY(crypt->isInitialised());
@@ -197,13 +184,11 @@ void PasswordTest::cryptInit()
 
 void PasswordTest::cryptInitWaitsForTheLock()
 {
+    // The settings program holds the lock for a while; the reader must wait.
     writeConfig(configWith(md5Hex("AB1")));
     const QByteArray lockPath = QFile::encodeName(m_panel->path(kLock));
     const int fd = open(lockPath.constData(), O_CREAT | O_RDWR | O_CLOEXEC, 0644);
-    QVERIFY(fd >= 0);
-    QCOMPARE(flock(fd, LOCK_EX), 0);
-
-    // The settings program holds the lock for a while; the reader must wait.
+    QVERIFY(fd >= 0 && flock(fd, LOCK_EX) == 0);
     std::thread settingsProgram([fd] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         flock(fd, LOCK_UN);
@@ -213,15 +198,11 @@ void PasswordTest::cryptInitWaitsForTheLock()
     const bool read = md5_crypt_ctrl::GetInstance()->CryptInit();
     const qint64 waited = clock.elapsed();
     settingsProgram.join();
-    close(fd);
-
     QVERIFY(read);
     QVERIFY2(waited >= 250, qPrintable(QString::number(waited)));
-    // Released again: another reader gets it at once.
-    const int other = open(lockPath.constData(), O_RDWR | O_CLOEXEC);
-    QVERIFY(other >= 0);
-    QCOMPARE(flock(other, LOCK_EX | LOCK_NB), 0);
-    close(other);
+    // Released again: the settings program gets it at once.
+    QCOMPARE(flock(fd, LOCK_EX | LOCK_NB), 0);
+    close(fd);
 }
 
 void PasswordTest::layout()
@@ -247,10 +228,7 @@ void PasswordTest::layout()
     for (QString& name : names)
         name.prepend(QStringLiteral("keyBtn"));
     QCOMPARE(laidOut, names);
-
-    QStringList expected = keyNames().mid(0, 36);
-    expected << QStringLiteral("Cap") << QStringLiteral("Del") << QStringLiteral("<--") << QStringLiteral("#1003");
-    QCOMPARE(captions(*dialog), expected);
+    QCOMPARE(key(*dialog, QStringLiteral("Confirm"))->text(), QStringLiteral("#1003"));
 }
 
 void PasswordTest::opensOnTheCompletingKey_data()
@@ -412,23 +390,15 @@ void PasswordTest::confirmReportsWrongPassword()
     QVERIFY(!dialog->isAccessAllowed());
 }
 
-void PasswordTest::gateOpensWhenPasswordVanishes_data()
-{
-    QTest::addColumn<bool>("removeConfig"); // else the lock cannot be created
-    QTest::newRow("configuration removed") << true;
-    QTest::newRow("lock file not creatable") << false;
-}
-
 void PasswordTest::gateOpensWhenPasswordVanishes()
 {
-    QFETCH(bool, removeConfig);
-
     const auto dialog = openDialog(md5Hex("AB1"));
     QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
     typeKeys(*dialog, QStringLiteral("Z"));
     QCOMPARE(allowed.count(), 0);
 
-    QVERIFY(removeConfig ? QFile::remove(m_panel->path(kConfig)) : breakLockDir(*m_panel));
+    // Read again on every key: the settings program removed the password meanwhile.
+    QVERIFY(QFile::remove(m_panel->path(kConfig)));
     typeKeys(*dialog, QStringLiteral("Z"));
     QCOMPARE(allowed.count(), 1);
     QVERIFY(!dialog->isVisible());
