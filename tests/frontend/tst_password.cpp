@@ -102,11 +102,10 @@ private slots:
     void layout();
     void opensOnTheCompletingKey_data();
     void opensOnTheCompletingKey();
-    void tooLongShowsBoxUntilShortenedAgain();
     void capTwice();
     void editingKeys_data();
     void editingKeys();
-    void confirmReportsWrongPassword();
+    void messages();
     void gateOpensWhenPasswordVanishes();
 
 private:
@@ -264,39 +263,6 @@ void PasswordTest::opensOnTheCompletingKey()
     dialog->close();
 }
 
-void PasswordTest::tooLongShowsBoxUntilShortenedAgain()
-{
-    const auto dialog = openDialog(md5Hex("AB1"));
-    QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    testenv::BoxAnswerer boxes;
-
-    typeKeys(*dialog, QStringLiteral("Z").repeated(20));
-    QVERIFY(boxes.seen().isEmpty());
-
-    typeKeys(*dialog, QStringLiteral("Z"));
-    QCOMPARE(boxes.seen().size(), 1);
-    const testenv::SeenBox box = boxes.seen().first();
-    QCOMPARE(box.title, QStringLiteral("#1001"));
-    QCOMPARE(box.text, QStringLiteral("#1012"));
-    QCOMPARE(box.buttons, QStringList{QStringLiteral("#1003")});
-    QCOMPARE(box.icon, QMessageBox::Information);
-    QCOMPARE(box.parent, dialog.get());
-    // Not cut: every further key reports again, down to 21 characters.
-    QCOMPARE(lineEdit(*dialog)->text().length(), 21);
-    typeKeys(*dialog, QStringLiteral("Z"));
-    QCOMPARE(boxes.seen().size(), 2);
-
-    for (int i = 0; i < 22; ++i)
-        press(*dialog, QStringLiteral("Back"));
-    QVERIFY(lineEdit(*dialog)->text().isEmpty());
-    QCOMPARE(boxes.seen().size(), 3);
-    QCOMPARE(allowed.count(), 0);
-
-    typeKeys(*dialog, QStringLiteral("AB1"));
-    QCOMPARE(allowed.count(), 1);
-    QCOMPARE(boxes.seen().size(), 3);
-}
-
 void PasswordTest::capTwice()
 {
     const auto dialog = openDialog(md5Hex("ab1"));
@@ -363,24 +329,37 @@ void PasswordTest::editingKeys()
     dialog->close();
 }
 
-void PasswordTest::confirmReportsWrongPassword()
+void PasswordTest::messages()
 {
     const auto dialog = openDialog(md5Hex("AB1"));
     QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
     testenv::BoxAnswerer boxes;
 
-    typeKeys(*dialog, QStringLiteral("AB2"));
-    press(*dialog, QStringLiteral("Confirm"));
+    typeKeys(*dialog, QStringLiteral("Z").repeated(20));
+    QVERIFY(boxes.seen().isEmpty());
+    // The 21st character brings the box.
+    typeKeys(*dialog, QStringLiteral("Z"));
     QCOMPARE(boxes.seen().size(), 1);
-    QCOMPARE(boxes.seen().first().text, QStringLiteral("#1013"));
-    QCOMPARE(boxes.seen().first().buttons, QStringList{QStringLiteral("#1003")});
-    QCOMPARE(boxes.seen().first().parent, dialog.get());
+    const testenv::SeenBox box = boxes.seen().first();
+    QCOMPARE(box.title, QStringLiteral("#1001"));
+    QCOMPARE(box.text, QStringLiteral("#1012"));
+    QCOMPARE(box.buttons, QStringList{QStringLiteral("#1003")});
+    QCOMPARE(box.icon, QMessageBox::Information);
+    QCOMPARE(box.parent, dialog.get());
+    // Nothing is cut: every key brings it again until the text is short enough.
+    QCOMPARE(lineEdit(*dialog)->text().length(), 21);
+    typeKeys(*dialog, QStringLiteral("Z"));
+    press(*dialog, QStringLiteral("Back"));
+    press(*dialog, QStringLiteral("Back"));
+    QCOMPARE(lineEdit(*dialog)->text().length(), 20);
+    QCOMPARE(boxes.seen().size(), 3);
+
+    // A right password opens on its last key, so Confirm always reports a wrong one.
+    press(*dialog, QStringLiteral("Confirm"));
+    QCOMPARE(boxes.seen().size(), 4);
+    QCOMPARE(boxes.seen().last().text, QStringLiteral("#1013"));
     QVERIFY(lineEdit(*dialog)->text().isEmpty());
     QVERIFY(dialog->isVisible());
-
-    // Also with nothing typed: the key always reports.
-    press(*dialog, QStringLiteral("Confirm"));
-    QCOMPARE(boxes.seen().size(), 2);
 
     // Closing forgets what was typed.
     typeKeys(*dialog, QStringLiteral("AB"));
