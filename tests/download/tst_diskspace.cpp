@@ -9,6 +9,7 @@
 #include "testenv.h"
 
 #include <QDirIterator>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -18,7 +19,6 @@
 #include <memory>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <unistd.h>
 #include <vector>
 
@@ -49,10 +49,7 @@ qint64 treeSize(const QString& path)
 
 qint64 freeBytes(const QString& path)
 {
-    struct statfs64 info;
-    if (statfs64(QFile::encodeName(path).constData(), &info) != 0)
-        return -1;
-    return qint64(info.f_bsize) * qint64(info.f_bavail);
+    return QStorageInfo(path).bytesAvailable();
 }
 
 bool writeSized(const QString& path, qint64 size)
@@ -71,12 +68,9 @@ bool growBy(const QString& path, qint64 delta)
     return QFile::resize(path, QFileInfo(path).size() + delta);
 }
 
-QStringList textLines(const QList<int>& ids)
+QString text(int id)
 {
-    QStringList lines;
-    for (const int id : ids)
-        lines << QStringLiteral("text: ") + MultilingualManager::GetInstance()->getMultilingualValue(id);
-    return lines;
+    return QStringLiteral("text: ") + MultilingualManager::GetInstance()->getMultilingualValue(id);
 }
 
 } // namespace
@@ -240,7 +234,7 @@ void tst_DiskSpace::checkUserFileArea_data()
     QTest::addColumn<bool>("areaKept");
 
     const QStringList none;
-    const QStringList cleared = textLines({2046, 2047});
+    const QStringList cleared{text(2046), text(2047)};
     QTest::newRow("flag clear: need equals free") << false << Q_INT64_C(0) << false << true << true << none << true;
     QTest::newRow("flag clear: need one byte over free")
         << false << Q_INT64_C(1) << false << true << false << none << true;
@@ -252,7 +246,7 @@ void tst_DiskSpace::checkUserFileArea_data()
     QTest::newRow("flag set: one byte over used plus free")
         << true << Q_INT64_C(1) << false << true << false << none << true;
     QTest::newRow("flag set: deletion fails") << true << Q_INT64_C(0) << true << true << false
-                                              << textLines({2046, 2048}) << true;
+                                              << QStringList{text(2046), text(2048)} << true;
     QTest::newRow("user file area missing") << false << Q_INT64_C(-1000000) << false << false << false << none
                                             << false;
 }
