@@ -1,6 +1,6 @@
 // The download dialog: which stick directories it offers, how a touch selects
 // one, the button states, the close rules, the countdown, the reboot and quit
-// paths and the direct mode's report.
+// paths, the direct mode's report and the operator's questions.
 #include "download/dlgdownload.h"
 #include "download/list_view.h"
 
