@@ -306,9 +306,9 @@ int main(int argc, char** argv)
         for (const char* word : command)
             probe += QByteArray(word) + ' ';
         const bool possible = std::system((probe + "true >/dev/null 2>&1").constData()) == 0;
-        qputenv(kPrivateMounts, possible ? "1" : "0");
         char self[4096] = {};
         if (possible && readlink("/proc/self/exe", self, sizeof self - 1) > 0) {
+            qputenv(kPrivateMounts, "1");
             command.push_back(self);
             command.insert(command.end(), argv + 1, argv + argc);
             command.push_back(nullptr);
@@ -316,6 +316,7 @@ int main(int argc, char** argv)
             perror("unshare");
             return 1;
         }
+        qputenv(kPrivateMounts, "0");
     }
     QCoreApplication app(argc, argv);
     tst_DiskSpace test;

@@ -58,6 +58,23 @@ FILE_INFO listed(const QString& name, const QByteArray& content)
     return file(name, crcTextOf(content), static_cast<quint32>(content.size()));
 }
 
+// The files on the side a checkFileCRC row checks: "lead.bin" has a checksum
+// with leading zeros, "check.bin" the CRC-32 check value, "chunks.bin" is read
+// in several chunks. User files lie under "DownLoadFile/" in the package and
+// directly under their destination on the panel.
+QMap<QString, QByteArray> sideFiles(bool package)
+{
+    QByteArray chunks(4096 * 2 + 17, '\0');
+    for (int i = 0; i < chunks.size(); ++i)
+        chunks[i] = char(i * 7 + i / 4096);
+    return {{"a.bin", "first package file\n"},
+            {"sub/b.txt", "second package file, in a subdirectory\n"},
+            {"lead.bin", kZeroLed},
+            {"check.bin", "123456789"},
+            {"chunks.bin", chunks},
+            {package ? "DownLoadFile/data/u.bin" : "data/u.bin", "user file\n"}};
+}
+
 // A runtime tree and its MD5 list in the format md5sum -c reads.
 const QMap<QString, QByteArray> kRuntimeFiles = {
     {QStringLiteral("bin/kavo_app"), QByteArray("kavo runtime application\n")},
@@ -121,23 +138,6 @@ void tst_Integrity::cleanup()
     QDir::setCurrent(m_previousDir);
     m_stick.reset();
     m_panel.reset();
-}
-
-// Every row's side holds the same files: "a.bin", "sub/b.txt", "lead.bin",
-// whose checksum has leading zeros, a CRC check value and a file read in
-// several chunks; user files lie under "DownLoadFile/" in the package and
-// directly under the destination on the panel.
-static QMap<QString, QByteArray> sideFiles(bool package)
-{
-    QByteArray chunks(4096 * 2 + 17, '\0');
-    for (int i = 0; i < chunks.size(); ++i)
-        chunks[i] = char(i * 7 + i / 4096);
-    return {{"a.bin", "first package file\n"},
-            {"sub/b.txt", "second package file, in a subdirectory\n"},
-            {"lead.bin", kZeroLed},
-            {"check.bin", "123456789"},
-            {"chunks.bin", chunks},
-            {package ? "DownLoadFile/data/u.bin" : "data/u.bin", "user file\n"}};
 }
 
 void tst_Integrity::checkFileCRC_data()
@@ -230,47 +230,44 @@ void tst_Integrity::checkAppIntegrity_data()
 {
     QTest::addColumn<int>("which");
     QTest::addColumn<QString>("version");  // [PREPARE] version as written in the INI
-    QTest::addColumn<QVariant>("product"); // null: no key
     QTest::addColumn<QString>("listFile"); // name the MD5 list is stored under; empty: none
     QTest::addColumn<QString>("damage");   // runtime file changed after the list was made
-    QTest::addColumn<QString>("setup");    // "unmarked": clear update.ini without its "#" mark; "nodir"
+    // "noproduct", "emptyproduct": the INI's product key, otherwise "KavoStu";
+    // "unmarked": clear update.ini without its "#" mark; "nodir"
+    QTest::addColumn<QString>("setup");
     QTest::addColumn<bool>("result");
     QTest::addColumn<QStringList>("lines");
     QTest::addColumn<QString>("panelProduct");
 
     const QString v = QStringLiteral("7.2.1");
     const QString list = QStringLiteral("version.7.2.1");
-    const QVariant stu(QStringLiteral("KavoStu"));
     const QString pro = defaultProduct;
     const QStringList none;
 
     // The installed runtime: failures are silent, the caller asks about an update.
-    QTest::newRow("installed: sound, product read") << 1 << v << stu << list << "" << "" << true << none << "KavoStu";
-    QTest::newRow("installed: no product key") << 1 << v << QVariant() << list << "" << "" << true << none << pro;
-    QTest::newRow("installed: empty product")
-        << 1 << v << QVariant(QStringLiteral("")) << list << "" << "" << false << none << pro;
+    QTest::newRow("installed: sound, product read") << 1 << v << list << "" << "" << true << none << "KavoStu";
+    QTest::newRow("installed: no product key") << 1 << v << list << "" << "noproduct" << true << none << pro;
+    QTest::newRow("installed: empty product") << 1 << v << list << "" << "emptyproduct" << false << none << pro;
     QTest::newRow("installed: list named by the version's first word")
-        << 1 << "7.2.1 build3" << stu << list << "" << "" << true << none << "KavoStu";
+        << 1 << "7.2.1 build3" << list << "" << "" << true << none << "KavoStu";
     // md5sum closes a failed check with a summary line: a failure counts only
     // when more output follows it, and logger.ini may differ.
-    QTest::newRow("installed: damaged file") << 1 << v << stu << list << "lib/libkavo.so" << "" << false << none
-                                             << "KavoStu";
-    QTest::newRow("installed: only logger.ini damaged") << 1 << v << stu << list << "config/logger.ini" << ""
+    QTest::newRow("installed: damaged file") << 1 << v << list << "lib/libkavo.so" << "" << false << none << "KavoStu";
+    QTest::newRow("installed: only logger.ini damaged") << 1 << v << list << "config/logger.ini" << ""
                                                         << true << none << "KavoStu";
-    QTest::newRow("installed: list missing") << 1 << v << stu << "version.7.2.0" << "" << "" << false << none
-                                             << "KavoStu";
-    QTest::newRow("installed: directory missing") << 1 << v << stu << list << "" << "nodir" << false
+    QTest::newRow("installed: list missing") << 1 << v << "version.7.2.0" << "" << "" << false << none << "KavoStu";
+    QTest::newRow("installed: directory missing") << 1 << v << list << "" << "nodir" << false
                                                   << QStringList{"fail: 2064|$DIR"} << pro;
 
     // The package's runtime copy: every failure is reported, the product is not taken.
-    QTest::newRow("package: sound") << 2 << v << stu << list << "" << "" << true << none << pro;
-    QTest::newRow("package: damaged file") << 2 << v << stu << list << "lib/libkavo.so" << "" << false
+    QTest::newRow("package: sound") << 2 << v << list << "" << "" << true << none << pro;
+    QTest::newRow("package: damaged file") << 2 << v << list << "lib/libkavo.so" << "" << false
                                            << QStringList{"fail: 2068|lib/libkavo.so: FAILED"} << pro;
-    QTest::newRow("package: logger.ini damaged") << 2 << v << stu << list << "config/logger.ini" << "" << false
+    QTest::newRow("package: logger.ini damaged") << 2 << v << list << "config/logger.ini" << "" << false
                                                  << QStringList{"fail: 2068|config/logger.ini: FAILED"} << pro;
-    QTest::newRow("package: list missing") << 2 << v << stu << "" << "" << "" << false
+    QTest::newRow("package: list missing") << 2 << v << "" << "" << "" << false
                                            << QStringList{"fail: 2066|version.7.2.1"} << pro;
-    QTest::newRow("package: description without mark") << 2 << v << stu << list << "" << "unmarked" << false
+    QTest::newRow("package: description without mark") << 2 << v << list << "" << "unmarked" << false
                                                         << QStringList{"fail: 2065"} << pro;
 
     // Text from a description file never reaches the shell as a command; a list
@@ -278,14 +275,14 @@ void tst_Integrity::checkAppIntegrity_data()
     const QString semicolon = QStringLiteral("version.7.2.1;touch${IFS}pwned");
     const QString quoted = QStringLiteral("version.7.2.1'$(touch${IFS}pwned)'");
     QTest::newRow("installed: command after a semicolon, list present")
-        << 1 << "\"7.2.1;touch${IFS}pwned\"" << stu << semicolon << "" << "" << true << none << "KavoStu";
+        << 1 << "\"7.2.1;touch${IFS}pwned\"" << semicolon << "" << "" << true << none << "KavoStu";
     QTest::newRow("package: quote and command substitution, list present")
-        << 2 << "\"7.2.1'$(touch${IFS}pwned)'\"" << stu << quoted << "" << "" << true << none << pro;
+        << 2 << "\"7.2.1'$(touch${IFS}pwned)'\"" << quoted << "" << "" << true << none << pro;
     QTest::newRow("package: quote and command substitution, damaged file")
-        << 2 << "\"7.2.1'$(touch${IFS}pwned)'\"" << stu << quoted << "bin/kavo_app" << "" << false
+        << 2 << "\"7.2.1'$(touch${IFS}pwned)'\"" << quoted << "bin/kavo_app" << "" << false
         << QStringList{"fail: 2068|bin/kavo_app: FAILED"} << pro;
     QTest::newRow("package: command after a semicolon, no such list")
-        << 2 << "\"7.2.1;touch${IFS}pwned\"" << stu << list << "" << "" << false
+        << 2 << "\"7.2.1;touch${IFS}pwned\"" << list << "" << "" << false
         << QStringList{"fail: 2066|" + semicolon} << pro;
 }
 
@@ -293,7 +290,6 @@ void tst_Integrity::checkAppIntegrity()
 {
     QFETCH(int, which);
     QFETCH(QString, version);
-    QFETCH(QVariant, product);
     QFETCH(QString, listFile);
     QFETCH(QString, damage);
     QFETCH(QString, setup);
@@ -315,8 +311,8 @@ void tst_Integrity::checkAppIntegrity()
 
     QByteArray ini = setup == QLatin1String("unmarked") ? QByteArray() : QByteArray(";;;# runtime environment\n");
     ini += "[PREPARE]\nversion=" + version.toUtf8() + "\nminsetversion=7.0.0\n";
-    if (!product.isNull())
-        ini += "product=" + product.toString().toUtf8() + '\n';
+    if (setup != QLatin1String("noproduct"))
+        ini += setup == QLatin1String("emptyproduct") ? "product=\n" : "product=KavoStu\n";
     const QString description = runtime + QStringLiteral("/update.ini");
     if (which == 2) {
         QVERIFY(testenv::writeFile(QStringLiteral("clear.ini"), ini));
