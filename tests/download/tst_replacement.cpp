@@ -1,19 +1,12 @@
 // Project replacement: deleting the old project and the fonts the new one does
 // not bring, and copying the listed package files to the panel.
-#include "download/projectdownload.h"
+#include "recordingdownload.h"
 #include "testenv.h"
-#include "text/multilingualmanager.h"
 
-#include <QDir>
-#include <QDirIterator>
-#include <QFileInfo>
 #include <QTemporaryDir>
-#include <QTemporaryFile>
-#include <QTimer>
 #include <QtTest>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <sched.h>
@@ -25,29 +18,13 @@
 
 namespace {
 
-// Records the reporting channels, in order, as "text:...", "fail:..." and
-// "buttons:start,stop,restart" lines.
-class Recorder : public ProjectDownload
+// Also records the button states, as "buttons: start stop restart".
+class Recorder : public RecordingDownload
 {
-public:
-    explicit Recorder(const QString& dataDir)
-        : ProjectDownload(dataDir, QStringLiteral("0000"))
-    {
-    }
-
-    QStringList events;
-
 protected:
-    void setTextEditContent(const QString& text) override { events << QStringLiteral("text:") + text; }
-    void resetUpgrageUI(const QString& text) override { events << QStringLiteral("fail:") + text; }
     void setBntEnable(bool start, bool stop, bool restart) override
     {
-        events << QStringLiteral("buttons:%1,%2,%3").arg(int(start)).arg(int(stop)).arg(int(restart));
-    }
-    bool askYesNo(QuestionIcon, const QString&, const QString& text) override
-    {
-        events << QStringLiteral("ask:") + text;
-        return false;
+        events << QStringLiteral("buttons: %1%2%3").arg(int(start)).arg(int(stop)).arg(int(restart));
     }
 };
 
@@ -70,68 +47,43 @@ QByteArray pattern(int size)
     return data;
 }
 
-// Every file and directory below `dir`, relative, sorted: "a/" for a directory.
-QStringList tree(const QString& dir)
+// Creates the files (or, ending in "/", directories) below `root`.
+void populate(const QString& root, const QStringList& entries)
 {
-    QStringList entries;
-    QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        entries << QDir(dir).relativeFilePath(path) + (it.fileInfo().isDir() ? "/" : "");
+    for (const QString& entry : entries) {
+        const QString path = root + QLatin1Char('/') + entry;
+        QVERIFY(entry.endsWith(QLatin1Char('/')) ? QDir().mkpath(path) : testenv::writeFile(path, "x"));
     }
-    entries.sort();
-    return entries;
 }
 
-// Makes `path` (a directory, or with `bind` a file bound over itself) a mount
-// point, which nobody can remove, root included. The mount lives in a mount
-// namespace of this process only. Empty on success, else why it could not.
-QString pinPath(const QString& path, bool bind)
+// Makes `dir` a directory nobody may delete, with a file "inside": as root a
+// tmpfs mount point in a mount namespace of this process only, as another user
+// a read-only directory. Empty on success, else why not.
+QString makeUndeletable(const QString& dir)
 {
-    static QString namespaceError = [] {
-        if (unshare(CLONE_NEWNS) != 0)
-            return QStringLiteral("unshare: ") + QString::fromLocal8Bit(strerror(errno));
-        if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-            return QStringLiteral("private mounts: ") + QString::fromLocal8Bit(strerror(errno));
-        return QString();
-    }();
-    if (!namespaceError.isEmpty())
-        return namespaceError;
-    const QByteArray target = QFile::encodeName(path);
-    const int rc = bind ? mount(target.constData(), target.constData(), nullptr, MS_BIND, nullptr)
-                        : mount("none", target.constData(), "tmpfs", 0, nullptr);
-    return rc == 0 ? QString() : QStringLiteral("mount: ") + QString::fromLocal8Bit(strerror(errno));
-}
-
-// A path nobody may delete, for the failure rows: a mount point as root; as
-// another user a read-only directory (the file's parent, or the directory
-// itself, which the caller fills). Empty on success, else why not.
-QString makeUndeletable(const QString& path, bool isFile)
-{
+    const QByteArray path = QFile::encodeName(dir);
     if (geteuid() != 0) {
-        const QString dir = isFile ? QFileInfo(path).absolutePath() : path;
-        return chmod(QFile::encodeName(dir).constData(), 0555) == 0 ? QString() : QStringLiteral("chmod failed");
+        if (!testenv::writeFile(dir + QStringLiteral("/inside"), "x") || chmod(path.constData(), 0555) != 0)
+            return QStringLiteral("cannot make a read-only directory");
+        return QString();
     }
-    return pinPath(path, isFile);
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0
+        || mount("none", path.constData(), "tmpfs", 0, nullptr) != 0)
+        return QStringLiteral("cannot mount a tmpfs: ") + QString::fromLocal8Bit(strerror(errno));
+    return testenv::writeFile(dir + QStringLiteral("/inside"), "x") ? QString() : QStringLiteral("tmpfs not writable");
 }
 
-void releaseUndeletable(const QString& path, bool isFile)
+void releaseUndeletable(const QString& dir)
 {
     if (geteuid() != 0)
-        chmod(QFile::encodeName(isFile ? QFileInfo(path).absolutePath() : path).constData(), 0755);
+        chmod(QFile::encodeName(dir).constData(), 0755);
     else
-        umount2(QFile::encodeName(path).constData(), MNT_DETACH);
+        umount2(QFile::encodeName(dir).constData(), MNT_DETACH);
 }
 
-FILE_INFO makeInfo(const QString& name, const QString& crc, const QString& srcPath, const QString& desPath)
+FILE_INFO makeInfo(const QString& name, const QString& crc, const QString& desPath)
 {
-    FILE_INFO info;
-    info.fileName = name;
-    info.crc = crc;
-    info.srcPath = srcPath;
-    info.desPath = desPath;
-    return info;
+    return {name, crc, 0, desPath, QStringLiteral("./proj/")};
 }
 
 } // namespace
@@ -145,14 +97,10 @@ private slots:
     void init();
     void cleanup();
 
-    void removeDir_data();
     void removeDir();
-    void removeDirStopsAtUndeletable();
+    void removalStopsAtUndeletable();
     void removeOldProjectFiles_data();
     void removeOldProjectFiles();
-    void removeOldProjectFilesStopped();
-    void removeOldProjectFilesUndeletable_data();
-    void removeOldProjectFilesUndeletable();
 
     void copy_data();
     void copy();
@@ -161,8 +109,6 @@ private slots:
     void sourceIsDestination();
     void sourceMissing();
     void stopDuringCopy();
-    void stoppedAtEntry();
-    void progressLines();
 
 private:
     QString dataDir() const { return m_panel->path("/usr/kavo_app/project"); }
@@ -176,9 +122,7 @@ private:
 
 void tst_Replacement::initTestCase()
 {
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
-    QVERIFY(!text(2054).isEmpty());
+    QVERIFY(loadBuiltinTexts());
     m_oldCwd = QDir::currentPath();
 }
 
@@ -188,7 +132,8 @@ void tst_Replacement::init()
     m_stick = std::make_unique<QTemporaryDir>();
     QVERIFY(m_panel->isValid() && m_stick->isValid());
     QVERIFY(QDir::setCurrent(m_stick->path()));
-    m_download = std::make_unique<Recorder>(dataDir());
+    m_download = std::make_unique<Recorder>();
+    m_download->m_dataDir = dataDir();
 }
 
 void tst_Replacement::cleanup()
@@ -199,91 +144,64 @@ void tst_Replacement::cleanup()
     m_panel.reset();
 }
 
-// --- removeDir ---------------------------------------------------------------
-
-void tst_Replacement::removeDir_data()
-{
-    QTest::addColumn<QStringList>("files"); // below the directory; "name/" makes an empty directory
-    QTest::addColumn<bool>("exists");
-
-    QTest::newRow("nested tree with hidden entries")
-        << QStringList{"a.bin", ".hidden", "sub/b.dat", "sub/.h/c", "sub/deep/er/d", "empty/", ".dir/x"} << true;
-    QTest::newRow("empty directory") << QStringList() << true;
-    QTest::newRow("missing directory") << QStringList() << false;
-}
-
 void tst_Replacement::removeDir()
 {
-    QFETCH(QStringList, files);
-    QFETCH(bool, exists);
-
     const QString dir = m_panel->path("/usr/kavo_app/old");
-    if (exists)
-        QVERIFY(QDir().mkpath(dir));
-    for (const QString& file : files) {
-        if (file.endsWith('/'))
-            QVERIFY(QDir().mkpath(dir + "/" + file));
-        else
-            QVERIFY(testenv::writeFile(dir + "/" + file, "x"));
-    }
-
-    QVERIFY(m_download->removeDir(dir));
-    QVERIFY(!QFileInfo::exists(dir));
-    QVERIFY(QFileInfo::exists(m_panel->path("/usr/kavo_app")));
-    QVERIFY(m_download->events.isEmpty());
-}
-
-void tst_Replacement::removeDirStopsAtUndeletable()
-{
-    const QString dir = m_panel->path("/usr/kavo_app/old");
-    for (const char* file : {"a/1", "z/2", "top"})
-        QVERIFY(testenv::writeFile(dir + "/" + file, "x"));
+    populate(dir, {"a.bin", ".hidden", "sub/b.dat", "sub/.h/c", "sub/deep/er/d", "empty/", ".dir/x"});
     // A link to a directory outside the tree goes as a link, its target stays.
     const QString outside = m_panel->path("/data/outside");
     QVERIFY(testenv::writeFile(outside + "/survivor", "x"));
     QVERIFY(QFile::link(outside, dir + "/b-link"));
 
-    const QString pinned = dir + "/m";
-    QVERIFY(QDir().mkpath(pinned));
-    const QString why = makeUndeletable(pinned, false);
-    if (!why.isEmpty())
-        QSKIP(qPrintable("cannot make an undeletable directory: " + why));
-    const bool filled = testenv::writeFile(pinned + "/inside", "x");
-
-    const bool removed = m_download->removeDir(dir);
-    const QStringList left = tree(dir);
-    releaseUndeletable(pinned, false);
-
-    QVERIFY(filled);
-    QVERIFY(!removed);
-    // Directories first, by name: "a" and the link went before "m" failed;
-    // nothing after it was touched. A mount point is emptied before its own
-    // removal fails; a read-only directory keeps its file.
-    QStringList expected{"m/", "top", "z/", "z/2"};
-    if (geteuid() != 0)
-        expected.insert(1, "m/inside");
-    QCOMPARE(left, expected);
+    QVERIFY(m_download->removeDir(dir));
+    QVERIFY(!QFileInfo::exists(dir));
     QVERIFY(QFileInfo::exists(outside + "/survivor"));
+    // Nothing to remove is no failure.
+    QVERIFY(m_download->removeDir(dir));
+    QVERIFY(m_download->events.isEmpty());
 }
 
-// --- removeOldProjectFiles ---------------------------------------------------
+void tst_Replacement::removalStopsAtUndeletable()
+{
+    populate(dataDir(), {"a.bin", "m/", "z/2"});
+    populate(fontDir(), {"old.ttf"});
+    const QString why = makeUndeletable(dataDir() + "/m");
+    if (!why.isEmpty())
+        QSKIP(qPrintable(why));
+
+    const bool removed = m_download->removeOldProjectFiles();
+    const QStringList data = testenv::entriesWithSizes(dataDir());
+    releaseUndeletable(dataDir() + "/m");
+
+    QVERIFY(!removed);
+    QCOMPARE(m_download->events, QStringList{"text: " + text(2051)});
+    // Directories first, by name: the first failure ends the removal and the
+    // fonts are not looked at. A mount point is emptied before its own removal
+    // fails; a read-only directory keeps its file.
+    QStringList expected{"a.bin 1", "m -1", "z -1", "z/2 1"};
+    if (geteuid() != 0)
+        expected.insert(2, "m/inside 1");
+    QCOMPARE(data, expected);
+    QCOMPARE(testenv::entriesWithSizes(fontDir()), QStringList{"old.ttf 1"});
+}
 
 void tst_Replacement::removeOldProjectFiles_data()
 {
     QTest::addColumn<bool>("dataDirExists");
-    QTest::addColumn<QStringList>("fonts");  // "name" a file, "name/" a directory; empty list: no font directory
+    QTest::addColumn<QStringList>("fonts");  // empty: no font directory
     QTest::addColumn<QStringList>("listed"); // fileName entries of the file list
+    QTest::addColumn<bool>("stop");
     QTest::addColumn<QStringList>("fontsLeft");
 
-    QTest::newRow("old project, no font directory") << true << QStringList() << QStringList() << QStringList();
-    QTest::newRow("no old project") << false << QStringList{"simsun.ttf"} << QStringList()
-                                    << QStringList{"simsun.ttf"};
-    QTest::newRow("fonts")
-        << true
-        << QStringList{"simsun.ttf", "fontdir", "brought.ttf", "old.ttf", ".hidden.ttf", "Brought.TTF", "sub/",
-                       "sub/inner.ttf"}
-        << QStringList{"context.dat", "brought.ttf", "DownLoadFile/old.ttf"}
-        << QStringList{"brought.ttf", "fontdir", "simsun.ttf", "sub/", "sub/inner.ttf"};
+    const QStringList fonts{"simsun.ttf", "fontdir", "brought.ttf", "old.ttf", ".hidden.ttf", "Brought.TTF",
+                            "sub/inner.ttf"};
+    QTest::newRow("fonts the project does not bring go")
+        << true << fonts << QStringList{"context.dat", "brought.ttf", "DownLoadFile/old.ttf"} << false
+        << QStringList{"brought.ttf 1", "fontdir 1", "simsun.ttf 1", "sub -1", "sub/inner.ttf 1"};
+    QTest::newRow("no old project, no font directory")
+        << false << QStringList() << QStringList() << false << QStringList();
+    QTest::newRow("stop requested") << true << QStringList{"old.ttf"} << QStringList() << true
+                                    << QStringList{"old.ttf 1"};
 }
 
 void tst_Replacement::removeOldProjectFiles()
@@ -291,87 +209,24 @@ void tst_Replacement::removeOldProjectFiles()
     QFETCH(bool, dataDirExists);
     QFETCH(QStringList, fonts);
     QFETCH(QStringList, listed);
+    QFETCH(bool, stop);
     QFETCH(QStringList, fontsLeft);
 
     QVERIFY(QDir(dataDir()).removeRecursively());
-    if (dataDirExists) {
-        QVERIFY(testenv::writeFile(dataDir() + "/#BKCompreProj.bin", "old"));
-        QVERIFY(testenv::writeFile(dataDir() + "/res/.cache/img.png", "old"));
-    }
+    if (dataDirExists)
+        populate(dataDir(), {"#BKCompreProj.bin", "res/.cache/img.png"});
     QVERIFY(QDir(fontDir()).removeRecursively());
-    for (const QString& font : fonts) {
-        if (font.endsWith('/'))
-            QVERIFY(QDir().mkpath(fontDir() + "/" + font));
-        else
-            QVERIFY(testenv::writeFile(fontDir() + "/" + font, "font"));
-    }
+    populate(fontDir(), fonts);
     for (const QString& name : listed)
-        m_download->m_fileList << makeInfo(name, "0", "./proj/", dataDir() + "/");
+        m_download->m_fileList << makeInfo(name, "0", dataDir() + "/");
+    m_download->m_stop = stop;
 
-    QVERIFY(m_download->removeOldProjectFiles());
-    QCOMPARE(m_download->events, QStringList{"text:" + text(2051)});
+    QCOMPARE(m_download->removeOldProjectFiles(), !stop);
+    QCOMPARE(m_download->events, stop ? QStringList() : QStringList{"text: " + text(2051)});
     QVERIFY(QFileInfo(dataDir()).isDir());
-    QCOMPARE(tree(dataDir()), QStringList());
-    QCOMPARE(tree(fontDir()), fontsLeft);
+    QCOMPARE(testenv::entriesWithSizes(dataDir()).size(), stop ? 4 : 0);
+    QCOMPARE(testenv::entriesWithSizes(fontDir()), fontsLeft);
 }
-
-void tst_Replacement::removeOldProjectFilesStopped()
-{
-    QVERIFY(testenv::writeFile(dataDir() + "/#BKCompreProj.bin", "old"));
-    QVERIFY(testenv::writeFile(fontDir() + "/old.ttf", "font"));
-    m_download->m_stop = true;
-
-    QVERIFY(!m_download->removeOldProjectFiles());
-    QVERIFY(m_download->events.isEmpty());
-    QCOMPARE(tree(dataDir()), QStringList{"#BKCompreProj.bin"});
-    QCOMPARE(tree(fontDir()), QStringList{"old.ttf"});
-}
-
-void tst_Replacement::removeOldProjectFilesUndeletable_data()
-{
-    QTest::addColumn<bool>("inFonts");
-    QTest::addColumn<QStringList>("dataLeft");
-
-    // The fonts are not looked at when the project could not be deleted.
-    QTest::newRow("project directory") << false << QStringList{"a.bin", "m/"};
-    // The project is gone and its directory is not created again.
-    QTest::newRow("font file") << true << QStringList();
-}
-
-void tst_Replacement::removeOldProjectFilesUndeletable()
-{
-    QFETCH(bool, inFonts);
-    QFETCH(QStringList, dataLeft);
-
-    QVERIFY(testenv::writeFile(dataDir() + "/a.bin", "old"));
-    QVERIFY(QDir().mkpath(dataDir() + "/m"));
-    QVERIFY(testenv::writeFile(fontDir() + "/a-stuck.ttf", "font"));
-    QVERIFY(testenv::writeFile(fontDir() + "/old.ttf", "font"));
-
-    const QString pinned = inFonts ? fontDir() + "/a-stuck.ttf" : dataDir() + "/m";
-    const QString why = makeUndeletable(pinned, inFonts);
-    if (!why.isEmpty())
-        QSKIP(qPrintable("cannot make an undeletable entry: " + why));
-    const bool filled = inFonts || testenv::writeFile(pinned + "/inside", "x");
-
-    const bool removed = m_download->removeOldProjectFiles();
-    const bool dataExists = QFileInfo::exists(dataDir());
-    const QStringList data = tree(dataDir());
-    const QStringList fonts = tree(fontDir());
-    releaseUndeletable(pinned, inFonts);
-
-    QVERIFY(filled);
-    QVERIFY(!removed);
-    QCOMPARE(m_download->events, QStringList{"text:" + text(2051)});
-    QCOMPARE(dataExists, !dataLeft.isEmpty());
-    if (!inFonts && geteuid() != 0)
-        dataLeft << "m/inside";
-    QCOMPARE(data, dataLeft);
-    // The first failure ends the clean-up: the font behind it stays.
-    QCOMPARE(fonts, (QStringList{"a-stuck.ttf", "old.ttf"}));
-}
-
-// --- updateProjectFile -------------------------------------------------------
 
 void tst_Replacement::copy_data()
 {
@@ -380,12 +235,11 @@ void tst_Replacement::copy_data()
     QTest::addColumn<QString>("destination"); // panel-side
     QTest::addColumn<int>("size");
 
-    QTest::newRow("plain file") << "project.bin" << "/usr/kavo_app/project/" << "/usr/kavo_app/project/project.bin"
-                                << 100;
-    QTest::newRow("user file") << "DownLoadFile/x/y.dat" << "/d/" << "/d/x/y.dat" << 10;
     QTest::newRow("many blocks") << "big.bin" << "/usr/kavo_app/project/res/" << "/usr/kavo_app/project/res/big.bin"
                                  << 5 * 1024 + 17;
-    QTest::newRow("exactly one block") << "one.bin" << "/new/dir/" << "/new/dir/one.bin" << 1024;
+    QTest::newRow("user file into a new subdirectory") << "DownLoadFile/x/y.dat" << "/d/" << "/d/x/y.dat" << 10;
+    // A missing destination is never in place, though an unreadable file has
+    // the empty file's checksum 0.
     QTest::newRow("empty file") << "empty.bin" << "/usr/kavo_app/project/" << "/usr/kavo_app/project/empty.bin" << 0;
     // Only the first twelve characters are compared, the next one is dropped.
     QTest::newRow("prefix without separator") << "DownLoadFileX.dat" << "/d/" << "/d/.dat" << 3;
@@ -400,7 +254,7 @@ void tst_Replacement::copy()
 
     const QByteArray content = pattern(size);
     QVERIFY(testenv::writeFile("proj/" + fileName, content));
-    m_download->m_fileList << makeInfo(fileName, crcText(content), "./proj/", m_panel->path(desPath));
+    m_download->m_fileList << makeInfo(fileName, crcText(content), m_panel->path(desPath));
 
     QVERIFY(m_download->updateProjectFile());
     QVERIFY(m_download->events.isEmpty());
@@ -419,7 +273,6 @@ void tst_Replacement::alreadyInPlace_data()
     // The listed checksum decides, not the source's content.
     QTest::newRow("listed checksum matches the destination") << QByteArray("other") << crcText("other") << true;
     QTest::newRow("different content") << QByteArray("other") << crcText(content) << false;
-    QTest::newRow("truncated copy") << content.left(2048) << crcText(content) << false;
 }
 
 void tst_Replacement::alreadyInPlace()
@@ -432,19 +285,13 @@ void tst_Replacement::alreadyInPlace()
     QVERIFY(testenv::writeFile("proj/a.bin", content));
     const QString destination = dataDir() + "/a.bin";
     QVERIFY(testenv::writeFile(destination, existing));
-    const QByteArray path = QFile::encodeName(destination);
-    struct utimbuf past = {1000000000, 1000000000};
-    QCOMPARE(utime(path.constData(), &past), 0);
-    struct stat before = {};
-    QCOMPARE(stat(path.constData(), &before), 0);
-    m_download->m_fileList << makeInfo("a.bin", listedCrc, "./proj/", dataDir() + "/");
+    const utimbuf past = {1000000000, 1000000000};
+    QCOMPARE(utime(QFile::encodeName(destination).constData(), &past), 0);
+    m_download->m_fileList << makeInfo("a.bin", listedCrc, dataDir() + "/");
 
     QVERIFY(m_download->updateProjectFile());
 
-    struct stat after = {};
-    QCOMPARE(stat(path.constData(), &after), 0);
-    QCOMPARE(after.st_ino, before.st_ino);
-    QCOMPARE(after.st_mtime == before.st_mtime, untouched);
+    QCOMPARE(QFileInfo(destination).lastModified().toSecsSinceEpoch() == 1000000000, untouched);
     QCOMPARE(testenv::readFile(destination), untouched ? existing : content);
 }
 
@@ -454,7 +301,7 @@ void tst_Replacement::sourceIsDestination()
     QVERIFY(testenv::writeFile("proj/a.bin", content));
     // The listed checksum does not match, so only the path test keeps the file
     // from being truncated and copied onto itself.
-    m_download->m_fileList << makeInfo("a.bin", "1", "./proj/", m_stick->path() + "/proj/");
+    m_download->m_fileList << makeInfo("a.bin", "1", m_stick->path() + "/proj/");
 
     QVERIFY(m_download->updateProjectFile());
     QCOMPARE(testenv::readFile("proj/a.bin"), content);
@@ -466,81 +313,33 @@ void tst_Replacement::sourceMissing()
     QVERIFY(testenv::writeFile("proj/third.bin", "third"));
     QVERIFY(testenv::writeFile(dataDir() + "/second.bin", "old second"));
     for (const char* name : {"first", "second", "third"})
-        m_download->m_fileList << makeInfo(QString(name) + ".bin", crcText(name), "./proj/", dataDir() + "/");
+        m_download->m_fileList << makeInfo(QString(name) + ".bin", crcText(name), dataDir() + "/");
 
     QVERIFY(!m_download->updateProjectFile());
-    QCOMPARE(m_download->events, (QStringList{"buttons:0,0,1", "text:" + text(2054)}));
-    QCOMPARE(tree(dataDir()), (QStringList{"first.bin", "second.bin"}));
-    QCOMPARE(testenv::readFile(dataDir() + "/first.bin"), QByteArray("first"));
+    QCOMPARE(m_download->events, (QStringList{"buttons: 001", "text: " + text(2054)}));
     // The stick was pulled: what is on the panel stays as it was.
-    QCOMPARE(testenv::readFile(dataDir() + "/second.bin"), QByteArray("old second"));
+    QCOMPARE(testenv::entriesWithSizes(dataDir()), (QStringList{"first.bin 5", "second.bin 10"}));
+    QCOMPARE(testenv::readFile(dataDir() + "/first.bin"), QByteArray("first"));
 }
 
 void tst_Replacement::stopDuringCopy()
 {
-    const QByteArray big = pattern(6 * 1024 * 1024);
+    const QByteArray big = pattern(64 * 1024);
     QVERIFY(testenv::writeFile("proj/big.bin", big));
     QVERIFY(testenv::writeFile("proj/next.bin", "next"));
-    m_download->m_fileList << makeInfo("big.bin", crcText(big), "./proj/", dataDir() + "/")
-                           << makeInfo("next.bin", crcText("next"), "./proj/", dataDir() + "/");
+    m_download->m_fileList << makeInfo("big.bin", crcText(big), dataDir() + "/")
+                           << makeInfo("next.bin", crcText("next"), dataDir() + "/");
 
-    // The stop button's press, as the event processing of the copy delivers it.
+    // The stop button's press, as the event processing after the first block
+    // delivers it: the copy ends there.
     Recorder* download = m_download.get();
-    QTimer::singleShot(0, [download] { download->m_stop = true; });
+    QMetaObject::invokeMethod(
+        qApp, [download] { download->m_stop = true; }, Qt::QueuedConnection);
 
     QVERIFY(!m_download->updateProjectFile());
     QVERIFY(m_download->events.isEmpty());
-    const QByteArray partial = testenv::readFile(dataDir() + "/big.bin");
-    QVERIFY2(partial.size() > 0 && partial.size() < big.size(), qPrintable(QString::number(partial.size())));
-    QCOMPARE(partial, big.left(partial.size()));
+    QCOMPARE(testenv::readFile(dataDir() + "/big.bin"), big.left(1024));
     QVERIFY(!QFileInfo::exists(dataDir() + "/next.bin"));
-}
-
-void tst_Replacement::stoppedAtEntry()
-{
-    QVERIFY(testenv::writeFile("proj/a.bin", "a"));
-    m_download->m_fileList << makeInfo("a.bin", crcText("a"), "./proj/", m_panel->path("/new/"));
-    m_download->m_stop = true;
-
-    QVERIFY(!m_download->updateProjectFile());
-    QVERIFY(m_download->events.isEmpty());
-    QVERIFY(!QFileInfo::exists(m_panel->path("/new")));
-}
-
-void tst_Replacement::progressLines()
-{
-    QVERIFY(testenv::writeFile("proj/DownLoadFile/u/v.txt", "user"));
-    QVERIFY(testenv::writeFile("proj/same.bin", "same"));
-    QVERIFY(testenv::writeFile(dataDir() + "/same.bin", "same"));
-    const QString des = dataDir() + "/";
-    const QString userDes = m_panel->path("/data/userfile/");
-    m_download->m_fileList << makeInfo("DownLoadFile/u/v.txt", crcText("user"), "./proj/", userDes)
-                           << makeInfo("", "0", "./proj/", m_panel->path("/made/for/nothing/"))
-                           << makeInfo("same.bin", crcText("same"), "./proj/", des);
-
-    QTemporaryFile capture;
-    QVERIFY(capture.open());
-    fflush(stdout);
-    const int savedStdout = dup(STDOUT_FILENO);
-    QVERIFY(savedStdout >= 0);
-    dup2(capture.handle(), STDOUT_FILENO);
-    const bool copied = m_download->updateProjectFile();
-    fflush(stdout);
-    dup2(savedStdout, STDOUT_FILENO);
-    close(savedStdout);
-
-    QVERIFY(copied);
-    const QByteArray expected = "src:./proj/DownLoadFile/u/v.txt dst:" + QFile::encodeName(userDes)
-                                + "u/v.txt-------------------------\n"
-                                + "src:./proj/ dst:" + QFile::encodeName(m_panel->path("/made/for/nothing/"))
-                                + "-------------------------\n"
-                                + "src:./proj/same.bin dst:" + QFile::encodeName(des)
-                                + "same.bin-------------------------\n";
-    capture.seek(0);
-    QCOMPARE(capture.readAll(), expected);
-    // The destination directory is made even for an entry without a name.
-    QVERIFY(QFileInfo(m_panel->path("/made/for/nothing")).isDir());
-    QCOMPARE(testenv::readFile(userDes + "u/v.txt"), QByteArray("user"));
 }
 
 QTEST_GUILESS_MAIN(tst_Replacement)
