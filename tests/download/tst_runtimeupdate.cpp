@@ -117,6 +117,10 @@ void tst_RuntimeUpdate::kavoAppExit()
     writeUpdater(HelperOnly);
     QVERIFY(testenv::writeFile("proj/KavoPro/opxupdateu.bin", "another product's updater"));
     QVERIFY(!m_download->kavoAppExit());
+    // Without an updater there is nothing to decide: nothing is read, asked or changed.
+    m_download->m_updateApp = true;
+    QVERIFY(m_download->isUpdateAppCheck());
+    QVERIFY(m_download->m_updateApp);
     QVERIFY(QFile::remove("opxupdateu/helper/opxupdateu_helper.bin"));
     writeUpdater(ProductBinOnly);
     QVERIFY(!m_download->kavoAppExit());
@@ -127,84 +131,72 @@ void tst_RuntimeUpdate::kavoAppExit()
 
 void tst_RuntimeUpdate::isUpdateAppCheck_data()
 {
-    // The package (product KavoPro) carries its runtime description scrambled
-    // in proj/KavoPro/v7/kavo_app/, or in proj/KavoPro/kavo_app/ when the panel
-    // has no variant name.
-    QTest::addColumn<int>("updater");
+    // The package (product KavoPro, with both updater files) carries its
+    // runtime description scrambled in proj/KavoPro/v7/kavo_app/, or in
+    // proj/KavoPro/kavo_app/ when the panel has no variant name.
     QTest::addColumn<QString>("variantName");
     QTest::addColumn<QString>("panelProduct");
     QTest::addColumn<QByteArray>("packageIni"); // clear text; kMissing: none
     QTest::addColumn<QByteArray>("installedIni");
     QTest::addColumn<QString>("answers");
-    QTest::addColumn<bool>("flagBefore");
     QTest::addColumn<bool>("result");
-    QTest::addColumn<bool>("flagAfter");
+    QTest::addColumn<bool>("flagAfter"); // a decision always changes the flag, a cancel never
     QTest::addColumn<QStringList>("events");
 
-    const int both = BothUpdaterFiles;
+    auto row = [](const char* name, const char* variant, const char* panelProduct, const QByteArray& packageIni,
+                  const QByteArray& installedIni, const char* answers) -> QTestData& {
+        return QTest::newRow(name) << QString(variant) << QString(panelProduct) << packageIni << installedIni
+                                   << QString(answers);
+    };
     const QByteArray v730 = updateIni("7.3.0");
     const QByteArray v721 = updateIni("7.2.1");
     const QStringList asked{question(text(2033).arg("7.2.1", "7.3.0"))};
-
-    // No updater on the stick: nothing is read, asked or changed.
-    QTest::newRow("no product updater") << int(HelperOnly) << "v7/" << "KavoStu" << v730 << v721 << "Y" << true
-                                        << true << true << QStringList();
+    const QStringList quiet;
 
     // The package's runtime cannot be read: the information box offers to go
     // on without it; no cancels the download.
     const QStringList unreadable{"ask:Information|" + text(2030) + "|" + text(2031)};
     const QStringList cancelled = unreadable + QStringList("fail: " + text(2026));
-    QTest::newRow("package description missing, yes")
-        << both << "v7/" << "KavoPro" << kMissing << v721 << "Y" << true << true << false << unreadable;
-    QTest::newRow("package description missing, no")
-        << both << "v7/" << "KavoPro" << kMissing << v721 << "N" << true << false << true << cancelled;
-    QTest::newRow("description for another variant")
-        << both << "v5/" << "KavoPro" << v730 << v721 << "Y" << true << true << false << unreadable;
-    QTest::newRow("mark missing") << both << "v7/" << "KavoPro" << QByteArray("[PREPARE]\nversion=7.3.0\n") << v721
-                                  << "Y" << true << true << false << unreadable;
-    QTest::newRow("blank version") << both << "v7/" << "KavoPro" << updateIni("   ") << v721 << "N" << false << false
-                                   << false << cancelled;
+    row("package description missing, yes", "v7/", "KavoPro", kMissing, v721, "Y") << true << false << unreadable;
+    row("package description missing, no", "v7/", "KavoPro", kMissing, v721, "N") << false << true << cancelled;
+    row("description for another variant", "v5/", "KavoPro", v730, v721, "Y") << true << false << unreadable;
+    row("mark missing", "v7/", "KavoPro", "[PREPARE]\nversion=7.3.0\n", v721, "Y") << true << false << unreadable;
+    row("blank version, no", "v7/", "KavoPro", updateIni("   "), v721, "N") << false << false << cancelled;
 
     // Another series on the panel: always asked, whatever the versions.
-    QTest::newRow("products differ") << both << "v7/" << "KavoStu" << v730 << updateIni("7.9.0") << "Y" << false
-                                     << true << true << QStringList{question(text(2108).arg("KavoStu", "KavoPro 7.3.0"))};
+    row("products differ", "v7/", "KavoStu", v730, updateIni("7.9.0"), "Y")
+        << true << true << QStringList{question(text(2108).arg("KavoStu", "KavoPro 7.3.0"))};
 
     // The same series: the question box only when the package's runtime is
     // newer, compared as text; the answer sets the flag.
-    QTest::newRow("installed missing, case differs") << both << "v7/" << "kavopro" << v730 << kMissing << "Y" << false
-                                                     << true << true << QStringList{question(text(2032).arg("7.3.0"))};
-    QTest::newRow("installed older, yes") << both << "v7/" << "KavoPro" << v730 << v721 << "Y" << false << true
-                                          << true << asked;
-    QTest::newRow("installed older, no") << both << "v7/" << "KavoPro" << v730 << v721 << "N" << true << true
-                                         << false << asked;
-    QTest::newRow("equal versions") << both << "v7/" << "KavoPro" << v730 << v730 << "Y" << true << true << false
-                                    << QStringList();
-    QTest::newRow("7.10.0 is older than 7.9.0 as text") << both << "v7/" << "KavoPro" << updateIni("7.10.0")
-                                                        << updateIni("7.9.0") << "Y" << true << true << false
-                                                        << QStringList();
-    QTest::newRow("versions with further words") << both << "v7/" << "KavoPro" << updateIni("  7.3.0   build5 ")
-                                                 << updateIni("7.2.1 build3") << "Y" << false << true << true << asked;
-    QTest::newRow("no variant") << both << "" << "KavoPro" << v730 << v721 << "Y" << false << true << true << asked;
+    row("installed missing, case differs", "v7/", "kavopro", v730, kMissing, "Y")
+        << true << true << QStringList{question(text(2032).arg("7.3.0"))};
+    row("installed older, yes", "v7/", "KavoPro", v730, v721, "Y") << true << true << asked;
+    row("installed older, no", "v7/", "KavoPro", v730, v721, "N") << true << false << asked;
+    row("equal versions", "v7/", "KavoPro", v730, v730, "Y") << true << false << quiet;
+    row("7.10.0 is older than 7.9.0 as text", "v7/", "KavoPro", updateIni("7.10.0"), updateIni("7.9.0"), "Y")
+        << true << false << quiet;
+    row("versions with further words", "v7/", "KavoPro", updateIni("  7.3.0   build5 "), updateIni("7.2.1 build3"),
+        "Y") << true << true << asked;
+    row("no variant", "", "KavoPro", v730, v721, "Y") << true << true << asked;
 }
 
 void tst_RuntimeUpdate::isUpdateAppCheck()
 {
-    QFETCH(int, updater);
     QFETCH(QString, variantName);
     QFETCH(QString, panelProduct);
     QFETCH(QByteArray, packageIni);
     QFETCH(QByteArray, installedIni);
     QFETCH(QString, answers);
-    QFETCH(bool, flagBefore);
     QFETCH(bool, result);
     QFETCH(bool, flagAfter);
     QFETCH(QStringList, events);
 
     m_download->m_panelProduct = panelProduct;
     m_download->m_variantName = variantName;
-    m_download->m_updateApp = flagBefore;
+    m_download->m_updateApp = result ? !flagAfter : flagAfter;
     m_download->answers = answers;
-    writeUpdater(updater);
+    writeUpdater(BothUpdaterFiles);
     if (packageIni != kMissing)
         QVERIFY(kit::writeScrambled(variantName.isEmpty() ? "proj/KavoPro/kavo_app/update.ini"
                                                           : "proj/KavoPro/v7/kavo_app/update.ini",
@@ -218,7 +210,7 @@ void tst_RuntimeUpdate::isUpdateAppCheck()
     QCOMPARE(m_download->events, events);
     QCOMPARE(m_download->m_updateApp, flagAfter);
     // A description that was read stays unscrambled in the panel's own /tmp.
-    if (updater == BothUpdaterFiles && !events.value(0).startsWith("ask:Information"))
+    if (!events.value(0).startsWith("ask:Information"))
         QCOMPARE(testenv::readFile(m_panel->path("/tmp/update.ini")), packageIni);
 }
 
