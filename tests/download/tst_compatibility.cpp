@@ -16,19 +16,19 @@
 
 namespace {
 
-// Builds directory entries from specs: "f:NAME" a file, "d:NAME" a directory,
+// Builds directory entries, each given as "f:NAME" a file, "d:NAME" a directory,
 // "l:NAME>TARGET" a symbolic link.
-bool makeEntries(const QString& dir, const QStringList& specs)
+bool makeEntries(const QString& dir, const QStringList& entries)
 {
     bool ok = true;
-    for (const QString& spec : specs) {
-        const QString path = dir + "/" + spec.mid(2).section('>', 0, 0);
-        if (spec.startsWith("f:"))
+    for (const QString& entry : entries) {
+        const QString path = dir + "/" + entry.mid(2).section('>', 0, 0);
+        if (entry.startsWith("f:"))
             ok = testenv::writeFile(path, "\x7f" "ELF") && ok;
-        else if (spec.startsWith("d:"))
+        else if (entry.startsWith("d:"))
             ok = QDir().mkpath(path) && ok;
         else
-            ok = QFile::link(spec.section('>', 1), path) && ok;
+            ok = QFile::link(entry.section('>', 1), path) && ok;
     }
     return ok;
 }
