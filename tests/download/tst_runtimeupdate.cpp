@@ -1,8 +1,7 @@
 // The runtime-update decision: when the package's runtime copy is offered, what
 // the operator is asked, and what the update-runtime flag says afterwards.
-#include "download/projectdownload.h"
+#include "recordingdownload.h"
 #include "testenv.h"
-#include "text/multilingualmanager.h"
 #include "tools/kit/runtime.h"
 
 #include <QDir>
@@ -13,31 +12,23 @@
 
 namespace {
 
-// Answers yes/no questions from a script and records every channel, in order:
-// "ask:Information|title|text", "ask:Question|title|text", "text:...", "fail:...".
-class Recorder : public ProjectDownload
+// Answers the questions from a script, one letter each ('Y' yes, anything
+// else no), and records which box asked: "ask:Information|title|text" or
+// "ask:Question|title|text".
+class Answering : public RecordingDownload
 {
 public:
-    Recorder()
-        : ProjectDownload(QString(), QStringLiteral("0000"))
-    {
-    }
-
-    QString answers; // one letter per question: 'Y' yes, anything else no
-    QStringList events;
+    QString answers;
 
 protected:
-    void setTextEditContent(const QString& text) override { events << QStringLiteral("text:") + text; }
-    void resetUpgrageUI(const QString& text) override { events << QStringLiteral("fail:") + text; }
-    void setBntEnable(bool, bool, bool) override { events << QStringLiteral("buttons"); }
     bool askYesNo(QuestionIcon icon, const QString& title, const QString& text) override
     {
         events << QStringLiteral("ask:%1|%2|%3")
                       .arg(icon == QuestionIcon::Question ? QStringLiteral("Question") : QStringLiteral("Information"),
                            title, text);
-        const QChar answer = answers.isEmpty() ? QLatin1Char('N') : answers.at(0);
+        const bool yes = answers.startsWith(QLatin1Char('Y'));
         answers.remove(0, 1);
-        return answer == QLatin1Char('Y');
+        return yes;
     }
 };
 
@@ -46,29 +37,9 @@ QString text(int id)
     return MultilingualManager::GetInstance()->getMultilingualValue(id);
 }
 
-// Expected events are written with message ids: "ask:Question|2034|2033|7.2.1|7.3.0"
-// (icon, title id, text id, arguments) or "fail:2026".
-QStringList expand(const QStringList& expected)
+QString question(const QString& text)
 {
-    QStringList events;
-    for (const QString& line : expected) {
-        const int colon = line.indexOf(QLatin1Char(':'));
-        const QString kind = line.left(colon);
-        QStringList parts = line.mid(colon + 1).split(QLatin1Char('|'));
-        QString prefix = kind + QLatin1Char(':');
-        if (kind == QLatin1String("ask")) {
-            const QString icon = parts.takeFirst();
-            const QString title = text(parts.takeFirst().toInt());
-            prefix += icon + QLatin1Char('|') + title + QLatin1Char('|');
-        }
-        QString message = text(parts.takeFirst().toInt());
-        if (parts.size() == 1)
-            message = message.arg(parts.at(0));
-        else if (parts.size() == 2)
-            message = message.arg(parts.at(0), parts.at(1));
-        events << prefix + message;
-    }
-    return events;
+    return QStringLiteral("ask:Question|") + ::text(2034) + QLatin1Char('|') + text;
 }
 
 const QByteArray kMissing("<missing>");
@@ -80,7 +51,7 @@ QByteArray updateIni(const QByteArray& version)
     return ";;;# runtime\n[PREPARE]\nversion=" + version + "\nproduct=KavoPro\n";
 }
 
-enum Updater { NoUpdater = 0, ProductBinOnly = 1, HelperOnly = 2, BothUpdaterFiles = 3 };
+enum Updater { ProductBinOnly = 1, HelperOnly = 2, BothUpdaterFiles = 3 };
 
 } // namespace
 
@@ -93,40 +64,41 @@ private slots:
     void init();
     void cleanup();
 
-    void kavoAppExit_data();
     void kavoAppExit();
     void isUpdateAppCheck_data();
     void isUpdateAppCheck();
-    void clearCopyOnPanel();
 
 private:
-    void writeUpdater(int which);
+    void writeUpdater(int which)
+    {
+        if (which & ProductBinOnly)
+            QVERIFY(testenv::writeFile("proj/" + m_download->m_packageProduct + "/opxupdateu.bin", "updater"));
+        if (which & HelperOnly)
+            QVERIFY(testenv::writeFile("opxupdateu/helper/opxupdateu_helper.bin", "helper"));
+    }
 
     QString m_oldCwd;
     std::unique_ptr<testenv::TempPanel> m_panel;
     std::unique_ptr<QTemporaryDir> m_stick;
-    std::unique_ptr<Recorder> m_download;
+    std::unique_ptr<Answering> m_download;
 };
 
 void tst_RuntimeUpdate::initTestCase()
 {
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(loadBuiltinTexts());
     QVERIFY(!text(2108).isEmpty());
     m_oldCwd = QDir::currentPath();
 }
 
 void tst_RuntimeUpdate::init()
 {
-    // A fresh panel per row: every row's clear copy and installed description
-    // then live at paths of their own.
     m_panel = std::make_unique<testenv::TempPanel>();
     m_stick = std::make_unique<QTemporaryDir>();
     QVERIFY(m_panel->isValid() && m_stick->isValid());
     QVERIFY(QDir::setCurrent(m_stick->path()));
-    m_download = std::make_unique<Recorder>();
+    m_download = std::make_unique<Answering>();
     m_download->m_projectName = "proj";
-    m_download->m_variantName = "v7/";
+    m_download->m_packageProduct = "KavoPro";
 }
 
 void tst_RuntimeUpdate::cleanup()
@@ -137,160 +109,109 @@ void tst_RuntimeUpdate::cleanup()
     m_panel.reset();
 }
 
-void tst_RuntimeUpdate::writeUpdater(int which)
-{
-    if (which & ProductBinOnly)
-        QVERIFY(testenv::writeFile("proj/" + m_download->m_packageProduct + "/opxupdateu.bin", "updater"));
-    if (which & HelperOnly)
-        QVERIFY(testenv::writeFile("opxupdateu/helper/opxupdateu_helper.bin", "helper"));
-}
-
-void tst_RuntimeUpdate::kavoAppExit_data()
-{
-    QTest::addColumn<int>("updater");
-    QTest::addColumn<bool>("expected");
-
-    QTest::newRow("neither file") << int(NoUpdater) << false;
-    QTest::newRow("product updater only") << int(ProductBinOnly) << false;
-    QTest::newRow("helper only") << int(HelperOnly) << false;
-    QTest::newRow("both") << int(BothUpdaterFiles) << true;
-}
-
 void tst_RuntimeUpdate::kavoAppExit()
 {
-    QFETCH(int, updater);
-    QFETCH(bool, expected);
-
+    // The package can update the runtime only with both the updater of its own
+    // product and the helper.
     m_download->m_packageProduct = "KavoStu";
-    writeUpdater(updater);
-    // The updater of another product does not count.
-    QVERIFY(testenv::writeFile("proj/KavoPro/opxupdateu.bin", "updater"));
-
-    QCOMPARE(m_download->kavoAppExit(), expected);
+    writeUpdater(HelperOnly);
+    QVERIFY(testenv::writeFile("proj/KavoPro/opxupdateu.bin", "another product's updater"));
+    QVERIFY(!m_download->kavoAppExit());
+    // Without an updater there is nothing to decide: nothing is read, asked or changed.
+    m_download->m_updateApp = true;
+    QVERIFY(m_download->isUpdateAppCheck());
+    QVERIFY(m_download->m_updateApp);
+    QVERIFY(QFile::remove("opxupdateu/helper/opxupdateu_helper.bin"));
+    writeUpdater(ProductBinOnly);
+    QVERIFY(!m_download->kavoAppExit());
+    writeUpdater(HelperOnly);
+    QVERIFY(m_download->kavoAppExit());
     QVERIFY(m_download->events.isEmpty());
 }
 
 void tst_RuntimeUpdate::isUpdateAppCheck_data()
 {
-    QTest::addColumn<int>("updater");
-    QTest::addColumn<QString>("panelProduct");
-    QTest::addColumn<QString>("packageProduct");
+    // The package (product KavoPro, with both updater files) carries its
+    // runtime description scrambled in proj/KavoPro/v7/kavo_app/, or in
+    // proj/KavoPro/kavo_app/ when the panel has no variant name.
     QTest::addColumn<QString>("variantName");
-    QTest::addColumn<QString>("packageDir");    // where the package's update.ini lies, under proj/<product>/
-    QTest::addColumn<QByteArray>("packageIni"); // clear text, scrambled when written; kMissing: none
+    QTest::addColumn<QString>("panelProduct");
+    QTest::addColumn<QByteArray>("packageIni"); // clear text; kMissing: none
     QTest::addColumn<QByteArray>("installedIni");
     QTest::addColumn<QString>("answers");
-    QTest::addColumn<bool>("flagBefore");
     QTest::addColumn<bool>("result");
-    QTest::addColumn<bool>("flagAfter");
+    QTest::addColumn<bool>("flagAfter"); // a decision always changes the flag, a cancel never
     QTest::addColumn<QStringList>("events");
 
-    const int both = BothUpdaterFiles;
+    auto row = [](const char* name, const char* variant, const char* panelProduct, const QByteArray& packageIni,
+                  const QByteArray& installedIni, const char* answers) -> QTestData& {
+        return QTest::newRow(name) << QString(variant) << QString(panelProduct) << packageIni << installedIni
+                                   << QString(answers);
+    };
     const QByteArray v730 = updateIni("7.3.0");
     const QByteArray v721 = updateIni("7.2.1");
+    const QStringList asked{question(text(2033).arg("7.2.1", "7.3.0"))};
+    const QStringList quiet;
 
-    // No updater on the stick: nothing is read, asked or changed.
-    QTest::newRow("no product updater") << int(HelperOnly) << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app"
-                                        << v730 << v721 << "Y" << true << true << true << QStringList();
-    QTest::newRow("no helper") << int(ProductBinOnly) << "KavoStu" << "KavoPro" << "v7/" << "v7/kavo_app" << v730
-                               << v721 << "Y" << true << true << true << QStringList();
-
-    // The package's runtime cannot be read: go on without it, or cancel.
-    const QStringList unreadable{"ask:Information|2030|2031"};
-    QTest::newRow("package description missing, yes")
-        << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << kMissing << v721 << "Y" << true << true
-        << false << unreadable;
-    QTest::newRow("package description missing, no")
-        << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << kMissing << v721 << "N" << true << false
-        << true << (unreadable + QStringList{"fail:2026"});
-    QTest::newRow("description for another variant")
-        << both << "KavoPro" << "KavoPro" << "v5/" << "v7/kavo_app" << v730 << v721 << "Y" << true << true << false
-        << unreadable;
-    QTest::newRow("mark missing") << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app"
-                                  << QByteArray("[PREPARE]\nversion=7.3.0\n") << v721 << "Y" << true << true << false
-                                  << unreadable;
-    QTest::newRow("empty version") << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << updateIni("")
-                                   << v721 << "Y" << true << true << false << unreadable;
-    QTest::newRow("blank version") << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << updateIni("   ")
-                                   << v721 << "N" << false << false << false << (unreadable + QStringList{"fail:2026"});
+    // The package's runtime cannot be read: the information box offers to go
+    // on without it; no cancels the download.
+    const QStringList unreadable{"ask:Information|" + text(2030) + "|" + text(2031)};
+    const QStringList cancelled = unreadable + QStringList("fail: " + text(2026));
+    row("package description missing, yes", "v7/", "KavoPro", kMissing, v721, "Y") << true << false << unreadable;
+    row("package description missing, no", "v7/", "KavoPro", kMissing, v721, "N") << false << true << cancelled;
+    row("description for another variant", "v5/", "KavoPro", v730, v721, "Y") << true << false << unreadable;
+    row("mark missing", "v7/", "KavoPro", "[PREPARE]\nversion=7.3.0\n", v721, "Y") << true << false << unreadable;
+    row("blank version, no", "v7/", "KavoPro", updateIni("   "), v721, "N") << false << false << cancelled;
 
     // Another series on the panel: always asked, whatever the versions.
-    QTest::newRow("products differ, yes")
-        << both << "KavoStu" << "KavoPro" << "v7/" << "v7/kavo_app" << v730 << updateIni("7.9.0") << "Y" << false
-        << true << true << QStringList{"ask:Question|2034|2108|KavoStu|KavoPro 7.3.0"};
-    QTest::newRow("products differ, no")
-        << both << "KavoStu" << "KavoPro" << "v7/" << "v7/kavo_app" << v730 << v721 << "N" << true << true << false
-        << QStringList{"ask:Question|2034|2108|KavoStu|KavoPro 7.3.0"};
+    row("products differ", "v7/", "KavoStu", v730, updateIni("7.9.0"), "Y")
+        << true << true << QStringList{question(text(2108).arg("KavoStu", "KavoPro 7.3.0"))};
 
-    // The same series: asked only when the package's runtime is newer, as text.
-    QTest::newRow("installed missing, case differs")
-        << both << "kavopro" << "KavoPro" << "v7/" << "v7/kavo_app" << v730 << kMissing << "Y" << false << true
-        << true << QStringList{"ask:Question|2034|2032|7.3.0"};
-    QTest::newRow("installed older, yes") << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << v730 << v721
-                                          << "Y" << false << true << true
-                                          << QStringList{"ask:Question|2034|2033|7.2.1|7.3.0"};
-    QTest::newRow("installed older, no") << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << v730 << v721
-                                         << "N" << true << true << false
-                                         << QStringList{"ask:Question|2034|2033|7.2.1|7.3.0"};
-    QTest::newRow("equal versions") << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << v730 << v730
-                                    << "Y" << true << true << false << QStringList();
-    QTest::newRow("installed newer") << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << v721 << v730
-                                     << "Y" << true << true << false << QStringList();
-    QTest::newRow("7.10.0 is older than 7.9.0 as text")
-        << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << updateIni("7.10.0") << updateIni("7.9.0")
-        << "Y" << true << true << false << QStringList();
-    QTest::newRow("versions with further words")
-        << both << "KavoPro" << "KavoPro" << "v7/" << "v7/kavo_app" << updateIni("  7.3.0   build5 ")
-        << updateIni("7.2.1 build3") << "Y" << false << true << true
-        << QStringList{"ask:Question|2034|2033|7.2.1|7.3.0"};
-    QTest::newRow("no variant") << both << "KavoPro" << "KavoPro" << "" << "kavo_app" << v730 << v721 << "Y" << false
-                                << true << true << QStringList{"ask:Question|2034|2033|7.2.1|7.3.0"};
+    // The same series: the question box only when the package's runtime is
+    // newer, compared as text; the answer sets the flag.
+    row("installed missing, case differs", "v7/", "kavopro", v730, kMissing, "Y")
+        << true << true << QStringList{question(text(2032).arg("7.3.0"))};
+    row("installed older, yes", "v7/", "KavoPro", v730, v721, "Y") << true << true << asked;
+    row("installed older, no", "v7/", "KavoPro", v730, v721, "N") << true << false << asked;
+    row("equal versions", "v7/", "KavoPro", v730, v730, "Y") << true << false << quiet;
+    row("7.10.0 is older than 7.9.0 as text", "v7/", "KavoPro", updateIni("7.10.0"), updateIni("7.9.0"), "Y")
+        << true << false << quiet;
+    row("versions with further words", "v7/", "KavoPro", updateIni("  7.3.0   build5 "), updateIni("7.2.1 build3"),
+        "Y") << true << true << asked;
+    row("no variant", "", "KavoPro", v730, v721, "Y") << true << true << asked;
 }
 
 void tst_RuntimeUpdate::isUpdateAppCheck()
 {
-    QFETCH(int, updater);
-    QFETCH(QString, panelProduct);
-    QFETCH(QString, packageProduct);
     QFETCH(QString, variantName);
-    QFETCH(QString, packageDir);
+    QFETCH(QString, panelProduct);
     QFETCH(QByteArray, packageIni);
     QFETCH(QByteArray, installedIni);
     QFETCH(QString, answers);
-    QFETCH(bool, flagBefore);
     QFETCH(bool, result);
     QFETCH(bool, flagAfter);
     QFETCH(QStringList, events);
 
     m_download->m_panelProduct = panelProduct;
-    m_download->m_packageProduct = packageProduct;
     m_download->m_variantName = variantName;
-    m_download->m_updateApp = flagBefore;
+    m_download->m_updateApp = result ? !flagAfter : flagAfter;
     m_download->answers = answers;
-    writeUpdater(updater);
+    writeUpdater(BothUpdaterFiles);
     if (packageIni != kMissing)
-        QVERIFY(kit::writeScrambled("proj/" + packageProduct + "/" + packageDir + "/update.ini", packageIni));
+        QVERIFY(kit::writeScrambled(variantName.isEmpty() ? "proj/KavoPro/kavo_app/update.ini"
+                                                          : "proj/KavoPro/v7/kavo_app/update.ini",
+                                    packageIni));
     const QString installed = m_panel->path("/usr/kavo_app/update.ini");
     QFile::remove(installed);
     if (installedIni != kMissing)
         QVERIFY(testenv::writeFile(installed, installedIni));
 
     QCOMPARE(m_download->isUpdateAppCheck(), result);
-    QCOMPARE(m_download->events, expand(events));
+    QCOMPARE(m_download->events, events);
     QCOMPARE(m_download->m_updateApp, flagAfter);
-}
-
-void tst_RuntimeUpdate::clearCopyOnPanel()
-{
-    writeUpdater(BothUpdaterFiles);
-    const QByteArray clear = updateIni("7.3.0");
-    QVERIFY(kit::writeScrambled("proj/KavoPro/v7/kavo_app/update.ini", clear));
-    QVERIFY(testenv::writeFile(m_panel->path("/usr/kavo_app/update.ini"), clear));
-
-    QVERIFY(m_download->isUpdateAppCheck());
-    QVERIFY(m_download->events.isEmpty());
-    // The clear copy stays in the panel's /tmp after the call.
-    QCOMPARE(testenv::readFile(m_panel->path("/tmp/update.ini")), clear);
+    // A description that was read stays unscrambled in the panel's own /tmp.
+    if (!events.value(0).startsWith("ask:Information"))
+        QCOMPARE(testenv::readFile(m_panel->path("/tmp/update.ini")), packageIni);
 }
 
 QTEST_GUILESS_MAIN(tst_RuntimeUpdate)

@@ -7,10 +7,7 @@
 
 #include "tools/kit/runtime.h"
 
-#include <QDir>
-#include <QDirIterator>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
@@ -19,27 +16,32 @@ namespace {
 QStringList filesBelow(const QString& dir)
 {
     QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files << QDir(dir).relativeFilePath(it.next());
+    for (const QString& entry : testenv::entriesWithSizes(dir)) {
+        if (!entry.endsWith(" -1"))
+            files << entry.section(' ', 0, -2);
+    }
     files.sort();
     return files;
 }
 
 // A project as the design software leaves it: binary and text files, a
-// subdirectory, a Chinese name, a font and two files for the user area.
+// subdirectory, names with blanks, Chinese and INI-special characters, an
+// empty file, a font and two files for the user area.
 bool writeGeneratedProject(const QString& dir)
 {
     QByteArray binary;
     for (int i = 0; i < 100000; ++i)
         binary.append(char((i * 7 + i / 256) & 0xff));
-    bool ok = testenv::writeFile(dir + "/context.dat", "[context]\nproject=generated\n");
-    ok = testenv::writeFile(dir + "/main.bin", binary) && ok;
-    ok = testenv::writeFile(dir + "/pages/p1.scr", "page one\n") && ok;
-    ok = testenv::writeFile(dir + QStringLiteral("/画面 二.scr"), "page two\n") && ok;
-    ok = testenv::writeFile(dir + "/my.ttf", "project font\n") && ok;
-    ok = testenv::writeFile(dir + "/DownLoadFile/docs/manual.txt", "manual\n") && ok;
-    ok = testenv::writeFile(dir + "/DownLoadFile/x.csv", "a,b\n1,2\n") && ok;
+    const QMap<QString, QByteArray> files = {
+        {"context.dat", "[context]\nproject=generated\n"}, {"main.bin", binary},
+        {"pages/p1.scr", "page one\n"},                    {"画面 二.scr", "page two\n"},
+        {"odd, name; \"x\".bin", "odd\n"},                 {"empty.dat", ""},
+        {"my.ttf", "project font\n"},                      {"DownLoadFile/docs/manual.txt", "manual\n"},
+        {"DownLoadFile/x.csv", "a,b\n1,2\n"},
+    };
+    bool ok = true;
+    for (auto it = files.cbegin(); it != files.cend(); ++it)
+        ok = testenv::writeFile(dir + "/" + it.key(), it.value()) && ok;
     return ok;
 }
 
@@ -56,10 +58,10 @@ private slots:
 
 void tst_ToolsRoundTrip::packageAcceptsToolsOutput_data()
 {
-    QTest::addColumn<bool>("sample");           // examples/sample, else a generated project
-    QTest::addColumn<QStringList>("packArgs");  // {W} the work directory
+    QTest::addColumn<bool>("sample");          // examples/sample, else a generated project
+    QTest::addColumn<QStringList>("packArgs"); // {W} the work directory
     QTest::addColumn<QStringList>("panelArgs");
-    QTest::addColumn<QStringList>("placed");    // "relative path=panel path" where the default does not hold
+    QTest::addColumn<QStringList>("placed");   // "relative path=panel path" where the default does not hold
     QTest::addColumn<bool>("userAreaCleared");
     QTest::addColumn<bool>("recipeCleared");
 
@@ -68,12 +70,13 @@ void tst_ToolsRoundTrip::packageAcceptsToolsOutput_data()
     QTest::newRow("v5 on an OPX5 panel, scrambled, with a runtime copy")
         << false
         << QStringList{"--platform", "5", "--scramble", "--runtime", "{W}/runtime", "--dest",
-                       "*.ttf=/usr/kavo_app/font"}
+                       "*.ttf=/usr/kavo_app/font", "--dest", "my.*=/never"}
         << QStringList{"--arch", "5"} << QStringList{"my.ttf=/usr/kavo_app/font/my.ttf"} << false << false;
-    QTest::newRow("no variant, runtime copy, data cleared, own destination")
+    // OPX_RT_PAGES is set for the package in packageAcceptsToolsOutput().
+    QTest::newRow("no variant, runtime copy, data cleared, $ destination")
         << false
         << QStringList{"--variant", "none", "--runtime", "{W}/runtime", "--clear", "recipe,userdir", "--dest",
-                       "pages/*=/usr/kavo_app/pages"}
+                       "pages/*=$OPX_RT_PAGES"}
         << QStringList{"--password", "1234", "--language", "1"}
         << QStringList{"pages/p1.scr=/usr/kavo_app/pages/pages/p1.scr"} << true << true;
     QTest::newRow("v7 for another product, hardware conditions")
@@ -118,6 +121,7 @@ void tst_ToolsRoundTrip::packageAcceptsToolsOutput()
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("KAVO_PANEL_ROOT"), panel);
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    env.insert(QStringLiteral("OPX_RT_PAGES"), QStringLiteral("/usr/kavo_app/pages"));
     package.setProcessEnvironment(env);
     package.setWorkingDirectory(stick);
     package.start(stick + "/opxupdateu/opxupdateu_proj.bin",
