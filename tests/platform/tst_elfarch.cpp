@@ -243,18 +243,14 @@ void tst_ElfArch::fifoDoesNotBlock()
 }
 
 // Every shorter copy of the kit's image has lost part of its section header
-// table, which closes the file. Every byte set to a few telling values, one at
-// a time, gives -1 or still 10 (padding, unused fields, tags after the value),
-// unless it is the value itself.
+// table, which closes the file (files on disk are cut in damagedRealLibrary).
+// Every byte set to a few telling values, one at a time, gives -1 or still 10
+// (padding, unused fields, tags after the value), unless it is the value itself.
 void tst_ElfArch::damagedKitImage()
 {
     const QByteArray image = kit::armElfImage(10);
     for (int length = 0; length < image.size(); ++length)
         QVERIFY2(elfCpuArchOfImage(image.left(length)) == -1, qPrintable(QString("length %1").arg(length)));
-    for (int length : {0, 4, 51, 52, 53, image.size() - 41, image.size() - 40, image.size() - 1}) {
-        QVERIFY(testenv::writeFile(m_dir.path() + "/cut.so", image.left(length)));
-        QCOMPARE(fileArch(m_dir.path() + "/cut.so"), -1);
-    }
 
     const int valueAt = 52 + kit::armAttributesSection(10).indexOf(QByteArray("\x06\x0a", 2)) + 1;
     QCOMPARE(image.at(valueAt), '\x0a');
