@@ -1,33 +1,19 @@
 // The result report: the status marker replaced in place, lines appended in
 // order, a fresh file per run, and silence without a file.
 #include "log/clogger.h"
+#include "testenv.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QtTest>
+
+using testenv::readFile;
+using testenv::writeFile;
 
 namespace {
 
+// The three markers have the same UTF-8 length, so a later one covers the first.
 const QString kStarted = QStringLiteral("[开始]\n");
 const QString kSucceeded = QStringLiteral("[成功]\n");
 const QString kFailed = QStringLiteral("[失败]\n");
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QByteArray("<unreadable>");
-    return file.readAll();
-}
-
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    return file.write(data) == data.size();
-}
 
 CLogger* logger()
 {
@@ -41,98 +27,58 @@ class TestLogger : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void cleanup();
-
+    void cleanup() { logger()->close(); }
     void markerReplacedInPlace_data();
     void markerReplacedInPlace();
-    void earlierReportIsDeleted();
-    void missingDirectoriesAreCreated();
     void unopenableReportIsDropped();
-    void callsWithoutFileDoNothing();
+    void callsAfterCloseDoNothing();
 
 private:
     QTemporaryDir m_dir;
 };
 
-void TestLogger::initTestCase()
-{
-    QVERIFY(m_dir.isValid());
-    QCOMPARE(kStarted.toUtf8().size(), 9);
-    QCOMPARE(kSucceeded.toUtf8().size(), 9);
-    QCOMPARE(kFailed.toUtf8().size(), 9);
-}
-
-void TestLogger::cleanup()
-{
-    logger()->close();
-}
-
 void TestLogger::markerReplacedInPlace_data()
 {
-    QTest::addColumn<QString>("finalMarker");
-    QTest::addColumn<bool>("finished");
-
-    QTest::newRow("succeeded") << kSucceeded << true;
-    QTest::newRow("failed") << kFailed << true;
-    QTest::newRow("cut off") << QString() << false;
+    QTest::addColumn<QString>("finalMarker"); // "" for a run cut off before its end
+    QTest::newRow("succeeded") << kSucceeded;
+    QTest::newRow("failed") << kFailed;
+    QTest::newRow("cut off") << QString();
 }
 
 void TestLogger::markerReplacedInPlace()
 {
     QFETCH(QString, finalMarker);
-    QFETCH(bool, finished);
-
-    const QString path = m_dir.filePath(QStringLiteral("pro_update_result.log"));
+    // In a directory that does not exist yet, over an earlier run's report.
+    const QString path = m_dir.filePath(QStringLiteral("stick/%1/pro_update_result.log").arg(QTest::currentDataTag()));
+    QVERIFY(writeFile(path, "[失败]\nan earlier run with many lines\nand more\n"));
     QVERIFY(logger()->open(path));
     QVERIFY(logger()->isOpen());
     QCOMPARE(readFile(path), QByteArray());
 
     logger()->writeReport(kStarted);
-    logger()->write(QStringLiteral("正在校验工程数据的完整性...\n"));
-    logger()->write(QStringLiteral("x\n"));
-    logger()->write(QStringLiteral("工程数据完整性校验通过!\n"));
-    QByteArray lines = QStringLiteral("正在校验工程数据的完整性...\nx\n工程数据完整性校验通过!\n").toUtf8();
-    QCOMPARE(readFile(path), kStarted.toUtf8() + lines);
-
-    if (finished) {
-        logger()->writeReport(finalMarker);
-        // Lines written after the marker still go to the end.
-        logger()->write(QStringLiteral("升级工程结束!\n"));
-        lines += QStringLiteral("升级工程结束!\n").toUtf8();
-        logger()->close();
-        QVERIFY(!logger()->isOpen());
-        QCOMPARE(readFile(path), finalMarker.toUtf8() + lines);
-    } else {
-        QCOMPARE(readFile(path), kStarted.toUtf8() + lines);
+    QByteArray lines;
+    for (const QString& line : {QStringLiteral("正在校验工程数据的完整性...\n"), QStringLiteral("x\n"),
+                                QStringLiteral("工程数据完整性校验通过!\n")}) {
+        logger()->write(line);
+        lines += line.toUtf8();
     }
-}
+    QCOMPARE(readFile(path), kStarted.toUtf8() + lines);
+    if (finalMarker.isEmpty())
+        return;
 
-void TestLogger::earlierReportIsDeleted()
-{
-    const QString path = m_dir.filePath(QStringLiteral("earlier.log"));
-    QVERIFY(writeFile(path, QByteArray("[失败]\nan earlier run with many lines\n")));
-
-    QVERIFY(logger()->open(path));
-    QCOMPARE(readFile(path), QByteArray());
-    logger()->writeReport(kStarted);
-    QCOMPARE(readFile(path), kStarted.toUtf8());
-}
-
-void TestLogger::missingDirectoriesAreCreated()
-{
-    const QString path = m_dir.filePath(QStringLiteral("stick/reports/today/pro_update_result.log"));
-    QVERIFY(logger()->open(path));
-    logger()->writeReport(kStarted);
-    logger()->write(QStringLiteral("line\n"));
-    QCOMPARE(readFile(path), kStarted.toUtf8() + "line\n");
+    logger()->writeReport(finalMarker);
+    // Lines written after the marker still go to the end.
+    logger()->write(QStringLiteral("升级工程结束!\n"));
+    lines += QStringLiteral("升级工程结束!\n").toUtf8();
+    logger()->close();
+    QVERIFY(!logger()->isOpen());
+    QCOMPARE(readFile(path), finalMarker.toUtf8() + lines);
 }
 
 void TestLogger::unopenableReportIsDropped()
 {
     const QString blocker = m_dir.filePath(QStringLiteral("plainfile"));
-    QVERIFY(writeFile(blocker, QByteArray("x")));
-
+    QVERIFY(writeFile(blocker, "x"));
     const QString path = blocker + QStringLiteral("/sub/report.log");
     QVERIFY(!logger()->open(path));
     QVERIFY(!logger()->isOpen());
@@ -142,17 +88,15 @@ void TestLogger::unopenableReportIsDropped()
     QCOMPARE(readFile(blocker), QByteArray("x"));
 }
 
-void TestLogger::callsWithoutFileDoNothing()
+void TestLogger::callsAfterCloseDoNothing()
 {
     const QString path = m_dir.filePath(QStringLiteral("closed.log"));
     QVERIFY(logger()->open(path));
     logger()->writeReport(kStarted);
     logger()->close();
     logger()->close();
-
     logger()->write(QStringLiteral("late line\n"));
     logger()->writeReport(kSucceeded);
-    logger()->close();
     QVERIFY(!logger()->isOpen());
     QCOMPARE(readFile(path), kStarted.toUtf8());
 }

@@ -1,4 +1,5 @@
-// Relocation of panel-side paths under KAVO_PANEL_ROOT.
+// Relocation of panel-side paths under KAVO_PANEL_ROOT: absolute panel paths
+// move under the root; relative (stick-side) paths and /proc stay as they are.
 #include "platform/platform.h"
 
 #include <QDir>
@@ -8,30 +9,16 @@
 
 namespace {
 
-// Sets or unsets KAVO_PANEL_ROOT for one scope.
-class RootVariable
+// Sets KAVO_PANEL_ROOT (a null value unsets it) for one scope.
+struct RootVariable
 {
-public:
-    RootVariable(bool set, const QByteArray& value)
-        : m_had(qEnvironmentVariableIsSet("KAVO_PANEL_ROOT"))
-        , m_previous(qgetenv("KAVO_PANEL_ROOT"))
+    explicit RootVariable(const QByteArray& value)
     {
-        if (set)
-            qputenv("KAVO_PANEL_ROOT", value);
-        else
-            qunsetenv("KAVO_PANEL_ROOT");
+        value.isNull() ? qunsetenv("KAVO_PANEL_ROOT") : qputenv("KAVO_PANEL_ROOT", value);
     }
-    ~RootVariable()
-    {
-        if (m_had)
-            qputenv("KAVO_PANEL_ROOT", m_previous);
-        else
-            qunsetenv("KAVO_PANEL_ROOT");
-    }
-
-private:
-    bool m_had;
-    QByteArray m_previous;
+    ~RootVariable() { had ? qputenv("KAVO_PANEL_ROOT", previous) : qunsetenv("KAVO_PANEL_ROOT"); }
+    const bool had = qEnvironmentVariableIsSet("KAVO_PANEL_ROOT");
+    const QByteArray previous = qgetenv("KAVO_PANEL_ROOT");
 };
 
 } // namespace
@@ -49,48 +36,39 @@ private slots:
 
 void tst_PanelPath::relocation_data()
 {
-    QTest::addColumn<bool>("rootSet");
-    QTest::addColumn<QByteArray>("root");
+    QTest::addColumn<QByteArray>("root"); // null: unset
     QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("expected");
     QTest::addColumn<QString>("expectedRoot");
 
     const QString r = QStringLiteral("/tmp/panel-root");
     const QByteArray rb = r.toUtf8();
-    QTest::newRow("unset root") << false << QByteArray() << "/usr/kavo_app/update.ini" << "/usr/kavo_app/update.ini" << QString();
-    QTest::newRow("empty root") << true << QByteArray() << "/usr/kavo_app/update.ini" << "/usr/kavo_app/update.ini" << QString();
-    QTest::newRow("root is /") << true << QByteArray("/") << "/lib/libc.so.6" << "/lib/libc.so.6" << QString();
-    QTest::newRow("absolute") << true << rb << "/usr/kavo_app/update.ini" << r + "/usr/kavo_app/update.ini" << r;
-    QTest::newRow("tmp file") << true << rb << "/tmp/kavo_app_conf.lck" << r + "/tmp/kavo_app_conf.lck" << r;
-    QTest::newRow("trailing / kept") << true << rb << "/usr/kavo_app/project/" << r + "/usr/kavo_app/project/" << r;
-    QTest::newRow("file system root") << true << rb << "/" << r + "/" << r;
-    QTest::newRow("doubled separators kept") << true << rb << "//tmp//update.ini" << r + "//tmp//update.ini" << r;
-    QTest::newRow("root with trailing /") << true << rb + "/" << "/lib" << r + "/lib" << r;
-    QTest::newRow("relative path") << true << rb << "language/0000.lan" << "language/0000.lan" << r;
-    QTest::newRow("dot path") << true << rb << "./KavoBackupProject.bin" << "./KavoBackupProject.bin" << r;
-    QTest::newRow("empty text") << true << rb << "" << "" << r;
-    QTest::newRow("/proc") << true << rb << "/proc" << "/proc" << r;
-    QTest::newRow("/proc/") << true << rb << "/proc/" << "/proc/" << r;
-    QTest::newRow("/proc/self/exe") << true << rb << "/proc/self/exe" << "/proc/self/exe" << r;
-    QTest::newRow("//proc/1/cmdline") << true << rb << "//proc/1/cmdline" << "//proc/1/cmdline" << r;
-    QTest::newRow("/procfoo relocated") << true << rb << "/procfoo" << r + "/procfoo" << r;
-    QTest::newRow("/proc.d relocated") << true << rb << "/proc.d/x" << r + "/proc.d/x" << r;
-    QTest::newRow("/usr/proc relocated") << true << rb << "/usr/proc" << r + "/usr/proc" << r;
-    QTest::newRow("UTF-8 root and path") << true << QByteArray("/tmp/面板") << "/data/用户" << "/tmp/面板/data/用户"
-                                         << "/tmp/面板";
-    QTest::newRow("relative root") << true << QByteArray("rel-panel") << "/data" << QDir::currentPath() + "/rel-panel/data"
-                                   << QDir::currentPath() + "/rel-panel";
+    const QString ini = QStringLiteral("/usr/kavo_app/update.ini");
+    QTest::newRow("unset root") << QByteArray() << ini << ini << QString();
+    QTest::newRow("empty root") << QByteArray("") << ini << ini << QString();
+    QTest::newRow("root is /") << QByteArray("/") << "/lib/libc.so.6" << "/lib/libc.so.6" << QString();
+    QTest::newRow("absolute") << rb << ini << r + ini << r;
+    QTest::newRow("root with trailing /") << rb + "/" << "/lib" << r + "/lib" << r;
+    QTest::newRow("trailing / kept") << rb << "/usr/kavo_app/project/" << r + "/usr/kavo_app/project/" << r;
+    QTest::newRow("file system root") << rb << "/" << r + "/" << r;
+    QTest::newRow("doubled separators kept") << rb << "//tmp//update.ini" << r + "//tmp//update.ini" << r;
+    QTest::newRow("relative path") << rb << "language/0000.lan" << "language/0000.lan" << r;
+    QTest::newRow("empty text") << rb << "" << "" << r;
+    QTest::newRow("/proc") << rb << "/proc" << "/proc" << r;
+    QTest::newRow("/proc/self/exe") << rb << "/proc/self/exe" << "/proc/self/exe" << r;
+    QTest::newRow("//proc/1/cmdline") << rb << "//proc/1/cmdline" << "//proc/1/cmdline" << r;
+    QTest::newRow("/procfoo relocated") << rb << "/procfoo" << r + "/procfoo" << r;
+    QTest::newRow("/usr/proc relocated") << rb << "/usr/proc" << r + "/usr/proc" << r;
+    QTest::newRow("UTF-8 root and path") << QByteArray("/tmp/面板") << "/data/用户" << "/tmp/面板/data/用户" << "/tmp/面板";
 }
 
 void tst_PanelPath::relocation()
 {
-    QFETCH(bool, rootSet);
     QFETCH(QByteArray, root);
     QFETCH(QString, path);
     QFETCH(QString, expected);
     QFETCH(QString, expectedRoot);
-    RootVariable variable(rootSet, root);
-
+    RootVariable variable(root);
     QCOMPARE(platform::panelRoot(), expectedRoot);
     QCOMPARE(platform::panelPath(path), expected);
     QCOMPARE(QString::fromStdString(platform::panelPath(path.toUtf8().constData())), expected);
@@ -104,12 +82,14 @@ void tst_PanelPath::relativeRootKeepsItsPlace()
     QTemporaryDir second;
     const QString start = QDir::currentPath();
     QVERIFY(QDir::setCurrent(first.path()));
-    RootVariable variable(true, "sim-panel-relative");
-    const QString expected = QDir::currentPath() + "/sim-panel-relative/usr/kavo_app";
+    RootVariable variable("sim-panel-relative");
+    const QString root = QDir::currentPath() + "/sim-panel-relative";
+    const QString expected = root + "/usr/kavo_app";
     QCOMPARE(platform::panelPath(QStringLiteral("/usr/kavo_app")), expected);
     QVERIFY(QDir::setCurrent(second.path()));
     QCOMPARE(platform::panelPath(QStringLiteral("/usr/kavo_app")), expected);
     QCOMPARE(QString::fromStdString(platform::panelPath("/usr/kavo_app")), expected);
+    QCOMPARE(platform::panelRoot(), root);
     QVERIFY(QDir::setCurrent(start));
     QCOMPARE(platform::panelPath(static_cast<const char*>(nullptr)), std::string());
 }
@@ -119,7 +99,7 @@ void tst_PanelPath::prepareCreatesWrittenDirectories()
     QTemporaryDir dir;
     const QString root = dir.path() + "/panel";
     {
-        RootVariable variable(true, QFile::encodeName(root));
+        RootVariable variable(QFile::encodeName(root));
         platform::preparePanelRoot();
     }
     QVERIFY(QFileInfo(root + "/tmp").isDir());
