@@ -26,7 +26,6 @@ private slots:
     void parseOptions_data();
     void parseOptions();
     void findPackageProcesses();
-    void readExecutablePath();
     void chooseLanguageCode_data();
     void chooseLanguageCode();
 };
@@ -130,15 +129,6 @@ void tst_startup::findPackageProcesses()
     QCOMPARE(int(startup::findPackageProcesses(proc.path(), 2).size()), 2);
 }
 
-void tst_startup::readExecutablePath()
-{
-    QString path;
-    const int length = startup::readExecutablePath(path);
-    QCOMPARE(path, QCoreApplication::applicationFilePath());
-    QCOMPARE(length, path.toUtf8().size());
-    QCOMPARE(startup::directoryOf(path), QCoreApplication::applicationDirPath());
-}
-
 void tst_startup::chooseLanguageCode_data()
 {
     QTest::addColumn<QString>("projectDirEnv");   // null: KAVO_PROJECT_DIR unset
@@ -174,8 +164,9 @@ void tst_startup::chooseLanguageCode_data()
                                           << tool2 << "0004";
     QTest::newRow("KAVO_PROJECT_DIR without setting") << "/custom/proj" << iniType("current_language", 1) << none
                                                       << "" << QStringList{"0001", "0002"} << tool2 << "0002";
-    QTest::newRow("KAVO_PROJECT_DIR empty") << "" << iniType("current_language", 1) << iniType("current_language", 4)
-                                            << "" << QStringList{"0001", "0004"} << tool2 << "0001";
+    QTest::newRow("KAVO_PROJECT_DIR empty") << QStringLiteral("") << iniType("current_language", 1)
+                                            << iniType("current_language", 4) << "" << QStringList{"0001", "0004"}
+                                            << tool2 << "0001";
 }
 
 void tst_startup::chooseLanguageCode()
