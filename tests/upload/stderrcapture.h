@@ -17,12 +17,9 @@ public:
         if (!m_file.open())
             qFatal("StderrCapture: no temporary file");
         std::fflush(stderr);
-        m_saved = dup(STDERR_FILENO);
         dup2(m_file.handle(), STDERR_FILENO);
     }
-
     ~StderrCapture() { restore(); }
-
     StderrCapture(const StderrCapture&) = delete;
     StderrCapture& operator=(const StderrCapture&) = delete;
 
@@ -46,5 +43,5 @@ private:
     }
 
     QTemporaryFile m_file;
-    int m_saved = -1;
+    int m_saved = dup(STDERR_FILENO);
 };
