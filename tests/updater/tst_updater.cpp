@@ -1,34 +1,23 @@
 // The runtime updater's logic on simulated panels and sticks: the hand-over
 // arguments, which runtime copy it takes for the panel, what it installs, and
 // that a faulty copy leaves the panel as it was.
-#include "download/projectdownload.h"
 #include "helper/runtimeupdater.h"
+#include "recordingdownload.h"
 #include "testenv.h"
 #include "tools/kit/armelf.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/runtime.h"
 
-#include <QCryptographicHash>
-#include <QDir>
-#include <QDirIterator>
-#include <QSettings>
-#include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
-
-const QString kProject = QStringLiteral("proj");
-const QString kProduct = QStringLiteral("KavoPro");
 
 kit::RuntimeSpec installedRuntime()
 {
     kit::RuntimeSpec spec;
     spec.version = QStringLiteral("7.1.0");
-    spec.files = {
-        {QStringLiteral("bin/kavo_app"), QByteArray("runtime 7.1.0\n")},
-        {QStringLiteral("lib/libkavo.so"), QByteArray("library 7.1.0\n")},
-        {QStringLiteral("config/logger.ini"), QByteArray("[log]\nlevel=1\n")},
-    };
+    spec.files = {{"bin/kavo_app", "runtime 7.1.0\n"}, {"lib/libkavo.so", "library 7.1.0\n"},
+                  {"config/logger.ini", "[log]\nlevel=1\n"}};
     return spec;
 }
 
@@ -37,12 +26,10 @@ kit::RuntimeSpec packageRuntime(const QString& version = QStringLiteral("7.2.1 b
 {
     kit::RuntimeSpec spec;
     spec.version = version;
-    spec.files = {
-        {QStringLiteral("bin/kavo_app"), QByteArray("runtime ") + version.toUtf8() + '\n'},
-        {QStringLiteral("lib/libkavo.so"), QByteArray("library ") + version.toUtf8() + '\n'},
-        {QStringLiteral("config/logger.ini"), QByteArray("[log]\nlevel=2\n")},
-        {QStringLiteral("share/new.dat"), QByteArray("a file the old runtime did not have\n")},
-    };
+    spec.files = {{"bin/kavo_app", "runtime " + version.toUtf8() + '\n'},
+                  {"lib/libkavo.so", "library " + version.toUtf8() + '\n'},
+                  {"config/logger.ini", "[log]\nlevel=2\n"},
+                  {"share/new.dat", "a file the old runtime did not have\n"}};
     return spec;
 }
 
@@ -53,76 +40,44 @@ QMap<QString, QByteArray> snapshot(const QString& dir)
     QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString path = it.next();
-        files.insert(QDir(dir).relativeFilePath(path), testenv::readFile(path));
+        files.insert(path.mid(dir.size() + 1), testenv::readFile(path));
     }
     return files;
 }
 
-// The package's own installed-runtime check, as the resumed download runs it.
-class IntegrityProbe : public ProjectDownload
-{
-public:
-    IntegrityProbe()
-        : ProjectDownload(QString(), QStringLiteral("0000"))
-    {
-    }
-
-protected:
-    void setTextEditContent(const QString&) override {}
-    void resetUpgrageUI(const QString&) override {}
-    void setBntEnable(bool, bool, bool) override {}
-    bool askYesNo(QuestionIcon, const QString&, const QString&) override { return false; }
-};
-
 // A simulated panel with the 7.1.0 runtime and a stick beside it.
-class Scene
+struct Scene
 {
-public:
     explicit Scene(int cpuArch = 10)
     {
         kit::PanelSpec spec;
         spec.cpuArch = cpuArch;
         spec.runtime = installedRuntime();
-        m_ready = m_stick.isValid() && m_panel.isValid() && kit::makePanel(m_panel.root(), spec);
+        ready = stick.isValid() && panel.isValid() && kit::makePanel(panel.root(), spec);
     }
-
-    bool isReady() const { return m_ready; }
-    QString panel(const QString& absolute) const { return m_panel.path(absolute); }
-    QString runtime() const { return panel(QStringLiteral("/usr/kavo_app")); }
-    QString stickRoot() const { return m_stick.path(); }
+    QString runtime() const { return panel.path(QStringLiteral("/usr/kavo_app")); }
+    QString version() const { return kit::readRuntimeDescription(runtime() + "/update.ini").version; }
     // The runtime copy of the project for `layout` ("v7/", "v5/" or "").
     QString copyDir(const QString& layout = QStringLiteral("v7/")) const
     {
-        return stickRoot() + QLatin1Char('/') + kProject + QLatin1Char('/') + kProduct + QLatin1Char('/') + layout
-               + QStringLiteral("kavo_app");
+        return stick.path() + "/proj/KavoPro/" + layout + "kavo_app";
     }
-    runtimeupdater::Arguments arguments() const
-    {
-        return runtimeupdater::Arguments{stickRoot() + QLatin1Char('/'), kProject, kProduct, QStringLiteral("0001")};
-    }
+    runtimeupdater::Arguments arguments() const { return {stick.path() + '/', "proj", "KavoPro", "0001"}; }
 
-private:
-    testenv::TempPanel m_panel;
-    QTemporaryDir m_stick;
-    bool m_ready = false;
+    testenv::TempPanel panel;
+    QTemporaryDir stick;
+    bool ready = false;
 };
-
-QString installedVersion(const QString& runtimeDir)
-{
-    QSettings settings(runtimeDir + QStringLiteral("/update.ini"), QSettings::IniFormat);
-    settings.setIniCodec("UTF-8");
-    return settings.value(QStringLiteral("/PREPARE/version")).toString();
-}
 
 QByteArray md5Line(const QByteArray& content, const QString& name)
 {
     return QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex() + "  " + name.toUtf8() + '\n';
 }
 
-bool appendTo(const QString& path, const QByteArray& data)
+bool appendTo(const QString& path, const QByteArray& line)
 {
     QFile file(path);
-    return file.open(QIODevice::Append) && file.write(data) == data.size();
+    return file.open(QIODevice::Append) && file.write(line) == line.size();
 }
 
 } // namespace
@@ -141,87 +96,69 @@ private slots:
     void takesCopyOfPanelVariant();
 };
 
+// Missing products and projects, and a root with spaces, are also run through
+// the program in tst_helper.
 void tst_updater::parsesHandOver_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("root");
-    QTest::addColumn<QString>("project");
-    QTest::addColumn<QString>("product");
-    QTest::addColumn<QString>("lanId");
+    QTest::addColumn<QStringList>("parsed"); // root, project, product, language
     QTest::addColumn<bool>("complete");
 
     QTest::newRow("as the download hands over")
-        << QStringList{"-project /mnt/usb/ proj", "-product KavoPro", "-lanID 0001"} << "/mnt/usb/" << "proj"
-        << "KavoPro" << "0001" << true;
-    QTest::newRow("root with spaces")
-        << QStringList{"-project /media/usb stick/ my proj", "-product KavoPro", "-lanID 0001"}
-        << "/media/usb stick/" << "my proj" << "KavoPro" << "0001" << true;
+        << QStringList{"-project /mnt/usb/ proj", "-product KavoPro", "-lanID 0001"}
+        << QStringList{"/mnt/usb/", "proj", "KavoPro", "0001"} << true;
     QTest::newRow("order and extra arguments do not matter")
-        << QStringList{"-qws", "-lanID 0003", "-product KavoStu", "-project / p"} << "/" << "p" << "KavoStu"
-        << "0003" << true;
+        << QStringList{"-qws", "-lanID 0003", "-product KavoStu", "-project / p"}
+        << QStringList{"/", "p", "KavoStu", "0003"} << true;
     QTest::newRow("option names inside the root")
         << QStringList{"-project /mnt/-lanID-product/ proj", "-product KavoPro", "-lanID 0001"}
-        << "/mnt/-lanID-product/" << "proj" << "KavoPro" << "0001" << true;
+        << QStringList{"/mnt/-lanID-product/", "proj", "KavoPro", "0001"} << true;
     QTest::newRow("value as the next argument")
-        << QStringList{"-project", "/mnt/usb/ proj", "-product", "KavoPro", "-lanID", "0001"} << "/mnt/usb/"
-        << "proj" << "KavoPro" << "0001" << true;
-    QTest::newRow("product missing") << QStringList{"-project /mnt/usb/ proj", "-lanID 0001"} << "/mnt/usb/"
-                                     << "proj" << "" << "0001" << false;
-    QTest::newRow("language without value")
-        << QStringList{"-project /mnt/usb/ proj", "-product KavoPro", "-lanID"} << "/mnt/usb/" << "proj"
-        << "KavoPro" << "" << false;
-    QTest::newRow("project without root") << QStringList{"-project proj", "-product KavoPro", "-lanID 0001"} << ""
-                                          << "proj" << "KavoPro" << "0001" << false;
-    QTest::newRow("no project") << QStringList{"-product KavoPro", "-lanID 0001"} << "" << "" << "KavoPro"
-                                << "0001" << false;
+        << QStringList{"-project", "/mnt/usb/ proj", "-product", "KavoPro", "-lanID", "0001"}
+        << QStringList{"/mnt/usb/", "proj", "KavoPro", "0001"} << true;
+    QTest::newRow("language without value") << QStringList{"-project /mnt/usb/ proj", "-product KavoPro", "-lanID"}
+                                            << QStringList{"/mnt/usb/", "proj", "KavoPro", ""} << false;
+    QTest::newRow("project without root") << QStringList{"-project proj", "-product KavoPro", "-lanID 0001"}
+                                          << QStringList{"", "proj", "KavoPro", "0001"} << false;
 }
 
 void tst_updater::parsesHandOver()
 {
     QFETCH(QStringList, arguments);
-    QFETCH(QString, root);
-    QFETCH(QString, project);
-    QFETCH(QString, product);
-    QFETCH(QString, lanId);
+    QFETCH(QStringList, parsed);
     QFETCH(bool, complete);
-    const runtimeupdater::Arguments parsed = runtimeupdater::parseArguments(arguments);
-    QCOMPARE(parsed.rootSlash, root);
-    QCOMPARE(parsed.project, project);
-    QCOMPARE(parsed.product, product);
-    QCOMPARE(parsed.lanId, lanId);
-    QCOMPARE(parsed.complete(), complete);
+    const runtimeupdater::Arguments result = runtimeupdater::parseArguments(arguments);
+    QCOMPARE((QStringList{result.rootSlash, result.project, result.product, result.lanId}), parsed);
+    QCOMPARE(result.complete(), complete);
 }
 
 void tst_updater::replacesInstalledRuntime()
 {
     Scene scene;
-    QVERIFY(scene.isReady());
+    QVERIFY(scene.ready);
     const kit::RuntimeSpec spec = packageRuntime();
     QVERIFY(kit::writeRuntime(scene.copyDir(), spec, true));
-    const QMap<QString, QByteArray> project = snapshot(scene.panel(QStringLiteral("/usr/kavo_app/project")));
-    const QMap<QString, QByteArray> fonts = snapshot(scene.panel(QStringLiteral("/usr/kavo_app/font")));
-    QVERIFY(!project.isEmpty());
+    const QMap<QString, QByteArray> before = snapshot(scene.runtime());
+    QVERIFY(before.contains("project/project.bin"));
 
     QString error;
     QVERIFY2(runtimeupdater::updateRuntime(scene.arguments(), error), qPrintable(error));
 
-    const QMap<QString, QByteArray> installed = snapshot(scene.runtime());
+    // Exactly the copy's files, its description and its list are new; the
+    // project, the fonts and the old list stay; nothing is left half-written.
+    QMap<QString, QByteArray> expected = before;
     for (auto it = spec.files.cbegin(); it != spec.files.cend(); ++it)
-        QCOMPARE(installed.value(it.key()), it.value());
-    QCOMPARE(installed.value(QStringLiteral("update.ini")), kit::updateIniText(spec));
-    QCOMPARE(installedVersion(scene.runtime()), QStringLiteral("7.2.1 build3"));
-    QCOMPARE(installed.value(QStringLiteral("version.7.2.1")), kit::md5List(spec.files));
-    // Nothing else is the updater's: the project, the fonts, the old list stay.
-    QCOMPARE(snapshot(scene.panel(QStringLiteral("/usr/kavo_app/project"))), project);
-    QCOMPARE(snapshot(scene.panel(QStringLiteral("/usr/kavo_app/font"))), fonts);
-    QCOMPARE(installed.value(QStringLiteral("version.7.1.0")), kit::md5List(installedRuntime().files));
-    for (const QString& name : installed.keys())
-        QVERIFY2(!name.endsWith(QLatin1String(".opxnew")), qPrintable(name));
+        expected.insert(it.key(), it.value());
+    expected.insert("update.ini", kit::updateIniText(spec));
+    expected.insert("version.7.2.1", kit::md5List(spec.files));
+    QCOMPARE(snapshot(scene.runtime()), expected);
+    QCOMPARE(scene.version(), QStringLiteral("7.2.1 build3"));
+    QCOMPARE(expected.value("version.7.1.0"), kit::md5List(installedRuntime().files));
 
     // The resumed download checks the installed runtime with md5sum: it must pass.
-    IntegrityProbe probe;
+    RecordingDownload probe;
     QVERIFY(probe.checkAppIntegrity(INSTALLED_APP, qPrintable(scene.runtime())));
-    QCOMPARE(probe.m_panelProduct, kProduct);
+    QCOMPARE(probe.m_panelProduct, QStringLiteral("KavoPro"));
 }
 
 void tst_updater::refusesFaultyCopy_data()
@@ -247,38 +184,35 @@ void tst_updater::refusesFaultyCopy()
     QFETCH(QString, fault);
     QFETCH(QString, error);
     Scene scene;
-    QVERIFY(scene.isReady());
+    QVERIFY(scene.ready);
     const kit::RuntimeSpec spec = packageRuntime();
     const QString copy = scene.copyDir();
     QVERIFY(kit::writeRuntime(copy, spec, true));
-    const QString list = copy + QStringLiteral("/version.7.2.1");
+    const QString list = copy + "/version.7.2.1";
 
     // Names that must be refused point at real files with the right MD5, so
     // that only the name rule can refuse them.
     const QByteArray outside("outside the runtime copy\n");
-    if (fault == QLatin1String("differs")) {
-        QVERIFY(kit::writeFile(copy + QStringLiteral("/share/new.dat"), "damaged on the stick\n"));
-    } else if (fault == QLatin1String("missing")) {
-        QVERIFY(QFile::remove(copy + QStringLiteral("/share/new.dat")));
-    } else if (fault == QLatin1String("parent")) {
-        QVERIFY(kit::writeFile(copy + QStringLiteral("/../outside.dat"), outside));
-        QVERIFY(appendTo(list, md5Line(outside, QStringLiteral("../outside.dat"))));
-    } else if (fault == QLatin1String("absolute")) {
-        const QString path = scene.stickRoot() + QStringLiteral("/outside.dat");
-        QVERIFY(kit::writeFile(path, outside));
-        QVERIFY(appendTo(list, md5Line(outside, path)));
-    } else if (fault == QLatin1String("project")) {
-        QVERIFY(kit::writeFile(copy + QStringLiteral("/project/project.bin"), outside));
-        QVERIFY(appendTo(list, md5Line(outside, QStringLiteral("project/project.bin"))));
-    } else if (fault == QLatin1String("nolist")) {
+    const QString absolute = scene.stick.path() + "/outside.dat";
+    if (fault == "differs")
+        QVERIFY(kit::writeFile(copy + "/share/new.dat", "damaged on the stick\n"));
+    else if (fault == "missing")
+        QVERIFY(QFile::remove(copy + "/share/new.dat"));
+    else if (fault == "parent")
+        QVERIFY(kit::writeFile(copy + "/../outside.dat", outside) && appendTo(list, md5Line(outside, "../outside.dat")));
+    else if (fault == "absolute")
+        QVERIFY(kit::writeFile(absolute, outside) && appendTo(list, md5Line(outside, absolute)));
+    else if (fault == "project")
+        QVERIFY(kit::writeFile(copy + "/project/project.bin", outside)
+                && appendTo(list, md5Line(outside, "project/project.bin")));
+    else if (fault == "nolist")
         QVERIFY(QFile::remove(list));
-    } else if (fault == QLatin1String("malformed")) {
+    else if (fault == "malformed")
         QVERIFY(appendTo(list, "0123456789abcdef not a checksum line\n"));
-    } else if (fault == QLatin1String("plain")) {
-        QVERIFY(kit::writeFile(copy + QStringLiteral("/update.ini"), kit::updateIniText(spec)));
-    } else if (fault == QLatin1String("nocopy")) {
+    else if (fault == "plain")
+        QVERIFY(kit::writeFile(copy + "/update.ini", kit::updateIniText(spec)));
+    else if (fault == "nocopy")
         QVERIFY(QDir(copy).removeRecursively());
-    }
     const QMap<QString, QByteArray> before = snapshot(scene.runtime());
 
     QString message;
@@ -311,10 +245,10 @@ void tst_updater::takesCopyOfPanelVariant()
     QFETCH(QStringList, layouts);
     QFETCH(QString, taken);
     Scene scene(cpuArch);
-    QVERIFY(scene.isReady());
-    if (libc != QLatin1String("libc.so.6")) {
-        QVERIFY(QFile::remove(scene.panel(QStringLiteral("/lib/libc.so.6"))));
-        QVERIFY(kit::writeArmElf(scene.panel(QStringLiteral("/lib/")) + libc, cpuArch));
+    QVERIFY(scene.ready);
+    if (libc != "libc.so.6") {
+        QVERIFY(QFile::remove(scene.panel.path("/lib/libc.so.6")));
+        QVERIFY(kit::writeArmElf(scene.panel.path("/lib/") + libc, cpuArch));
     }
     // Each layout carries its own version, which tells which one was installed.
     const QMap<QString, QString> versions{{"v7/", "7.2.7"}, {"v5/", "7.2.5"}, {"", "7.2.0"}};
@@ -325,7 +259,7 @@ void tst_updater::takesCopyOfPanelVariant()
              cpuArch == 10 ? QStringLiteral("v7/") : cpuArch == 5 ? QStringLiteral("v5/") : QString());
     QString error;
     QVERIFY2(runtimeupdater::updateRuntime(scene.arguments(), error), qPrintable(error));
-    QCOMPARE(installedVersion(scene.runtime()), versions.value(taken));
+    QCOMPARE(scene.version(), versions.value(taken));
 }
 
 QTEST_GUILESS_MAIN(tst_updater)
