@@ -62,7 +62,7 @@ private:
 
 void tst_Compatibility::initTestCase()
 {
-    QVERIFY(loadBuiltinTexts());
+    QVERIFY(testenv::loadBuiltinTexts());
     m_oldCwd = QDir::currentPath();
 }
 

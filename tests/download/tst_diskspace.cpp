@@ -70,7 +70,7 @@ bool growBy(const QString& path, qint64 delta)
 
 QString text(int id)
 {
-    return QStringLiteral("text: ") + MultilingualManager::GetInstance()->getMultilingualValue(id);
+    return QStringLiteral("text: ") + testenv::msg(id);
 }
 
 } // namespace
@@ -102,7 +102,7 @@ private:
 
 void tst_DiskSpace::initTestCase()
 {
-    QVERIFY(loadBuiltinTexts());
+    QVERIFY(testenv::loadBuiltinTexts());
 }
 
 void tst_DiskSpace::init()

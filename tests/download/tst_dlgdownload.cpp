@@ -11,6 +11,7 @@
 #include "recordingdownload.h"
 
 #include "boxanswerer.h"
+#include "dialogprobe.h"
 #include "testenv.h"
 
 #include <QApplication>
@@ -26,32 +27,14 @@
 
 namespace {
 
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
-template <typename T>
-T* child(const dlgDownLoad& dialog, const char* name)
-{
-    T* widget = dialog.findChild<T*>(QLatin1String(name));
-    if (widget == nullptr)
-        qFatal("no child %s", name);
-    return widget;
-}
-
-QStringList paneLines(const dlgDownLoad& dialog)
-{
-    return child<QTextEdit>(dialog, "textEdit")->toPlainText().split(QLatin1Char('\n'));
-}
+using testenv::child;
+using testenv::msg;
+using testenv::paneLines;
 
 // "start stop restart" as 0/1 digits.
 QString enabledButtons(const dlgDownLoad& dialog)
 {
-    QString states;
-    for (const char* name : {"btnStart", "btnStop", "btnRestart"})
-        states += child<QPushButton>(dialog, name)->isEnabled() ? QLatin1Char('1') : QLatin1Char('0');
-    return states;
+    return testenv::enabledButtons(dialog, {"btnStart", "btnStop", "btnRestart"});
 }
 
 // Creates the files (or, ending in "/", directories) in the working directory.
@@ -105,7 +88,7 @@ private:
 void TestDlgDownload::initTestCase()
 {
     g_testLogHandler = qInstallMessageHandler(dropStyleSheetNoise);
-    QVERIFY(loadBuiltinTexts());
+    QVERIFY(testenv::loadBuiltinTexts());
     // Every reboot fails with EIO, so that the process survives it.
     qputenv("KAVO_SIM_REBOOT_ERRNO", "5");
 }

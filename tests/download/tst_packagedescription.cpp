@@ -57,7 +57,7 @@ private:
 
 void tst_PackageDescription::initTestCase()
 {
-    QVERIFY(loadBuiltinTexts());
+    QVERIFY(testenv::loadBuiltinTexts());
     m_oldCwd = QDir::currentPath();
     // New variables go to the end of the environment in this order, so
     // OPXDESC_USRDIR is met before OPXDESC_USR by the destination lookup.

@@ -18,6 +18,8 @@
 
 namespace {
 
+using testenv::msg;
+
 // Also records the button states, as "buttons: start stop restart".
 class Recorder : public RecordingDownload
 {
@@ -27,11 +29,6 @@ protected:
         events << QStringLiteral("buttons: %1%2%3").arg(int(start)).arg(int(stop)).arg(int(restart));
     }
 };
-
-QString text(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
 
 QString crcText(const QByteArray& data)
 {
@@ -122,7 +119,7 @@ private:
 
 void tst_Replacement::initTestCase()
 {
-    QVERIFY(loadBuiltinTexts());
+    QVERIFY(testenv::loadBuiltinTexts());
     m_oldCwd = QDir::currentPath();
 }
 
@@ -174,7 +171,7 @@ void tst_Replacement::removalStopsAtUndeletable()
     releaseUndeletable(dataDir() + "/m");
 
     QVERIFY(!removed);
-    QCOMPARE(m_download->events, QStringList{"text: " + text(2051)});
+    QCOMPARE(m_download->events, QStringList{"text: " + msg(2051)});
     // Directories first, by name: the first failure ends the removal and the
     // fonts are not looked at. A mount point is emptied before its own removal
     // fails; a read-only directory keeps its file.
@@ -222,7 +219,7 @@ void tst_Replacement::removeOldProjectFiles()
     m_download->m_stop = stop;
 
     QCOMPARE(m_download->removeOldProjectFiles(), !stop);
-    QCOMPARE(m_download->events, stop ? QStringList() : QStringList{"text: " + text(2051)});
+    QCOMPARE(m_download->events, stop ? QStringList() : QStringList{"text: " + msg(2051)});
     QVERIFY(QFileInfo(dataDir()).isDir());
     QCOMPARE(testenv::entriesWithSizes(dataDir()).size(), stop ? 4 : 0);
     QCOMPARE(testenv::entriesWithSizes(fontDir()), fontsLeft);
@@ -316,7 +313,7 @@ void tst_Replacement::sourceMissing()
         m_download->m_fileList << makeInfo(QString(name) + ".bin", crcText(name), dataDir() + "/");
 
     QVERIFY(!m_download->updateProjectFile());
-    QCOMPARE(m_download->events, (QStringList{"buttons: 001", "text: " + text(2054)}));
+    QCOMPARE(m_download->events, (QStringList{"buttons: 001", "text: " + msg(2054)}));
     // The stick was pulled: what is on the panel stays as it was.
     QCOMPARE(testenv::entriesWithSizes(dataDir()), (QStringList{"first.bin 5", "second.bin 10"}));
     QCOMPARE(testenv::readFile(dataDir() + "/first.bin"), QByteArray("first"));

@@ -12,6 +12,8 @@
 
 namespace {
 
+using testenv::msg;
+
 // Answers the questions from a script, one letter each ('Y' yes, anything
 // else no), and records which box asked: "ask:Information|title|text" or
 // "ask:Question|title|text".
@@ -32,14 +34,9 @@ protected:
     }
 };
 
-QString text(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
 QString question(const QString& text)
 {
-    return QStringLiteral("ask:Question|") + ::text(2034) + QLatin1Char('|') + text;
+    return QStringLiteral("ask:Question|") + msg(2034) + QLatin1Char('|') + text;
 }
 
 const QByteArray kMissing("<missing>");
@@ -85,8 +82,8 @@ private:
 
 void tst_RuntimeUpdate::initTestCase()
 {
-    QVERIFY(loadBuiltinTexts());
-    QVERIFY(!text(2108).isEmpty());
+    QVERIFY(testenv::loadBuiltinTexts());
+    QVERIFY(!msg(2108).isEmpty());
     m_oldCwd = QDir::currentPath();
 }
 
@@ -150,13 +147,13 @@ void tst_RuntimeUpdate::isUpdateAppCheck_data()
     };
     const QByteArray v730 = updateIni("7.3.0");
     const QByteArray v721 = updateIni("7.2.1");
-    const QStringList asked{question(text(2033).arg("7.2.1", "7.3.0"))};
+    const QStringList asked{question(msg(2033).arg("7.2.1", "7.3.0"))};
     const QStringList quiet;
 
     // The package's runtime cannot be read: the information box offers to go
     // on without it; no cancels the download.
-    const QStringList unreadable{"ask:Information|" + text(2030) + "|" + text(2031)};
-    const QStringList cancelled = unreadable + QStringList("fail: " + text(2026));
+    const QStringList unreadable{"ask:Information|" + msg(2030) + "|" + msg(2031)};
+    const QStringList cancelled = unreadable + QStringList("fail: " + msg(2026));
     row("package description missing, yes", "v7/", "KavoPro", kMissing, v721, "Y") << true << false << unreadable;
     row("package description missing, no", "v7/", "KavoPro", kMissing, v721, "N") << false << true << cancelled;
     row("description for another variant", "v5/", "KavoPro", v730, v721, "Y") << true << false << unreadable;
@@ -165,12 +162,12 @@ void tst_RuntimeUpdate::isUpdateAppCheck_data()
 
     // Another series on the panel: always asked, whatever the versions.
     row("products differ", "v7/", "KavoStu", v730, updateIni("7.9.0"), "Y")
-        << true << true << QStringList{question(text(2108).arg("KavoStu", "KavoPro 7.3.0"))};
+        << true << true << QStringList{question(msg(2108).arg("KavoStu", "KavoPro 7.3.0"))};
 
     // The same series: the question box only when the package's runtime is
     // newer, compared as text; the answer sets the flag.
     row("installed missing, case differs", "v7/", "kavopro", v730, kMissing, "Y")
-        << true << true << QStringList{question(text(2032).arg("7.3.0"))};
+        << true << true << QStringList{question(msg(2032).arg("7.3.0"))};
     row("installed older, yes", "v7/", "KavoPro", v730, v721, "Y") << true << true << asked;
     row("installed older, no", "v7/", "KavoPro", v730, v721, "N") << true << false << asked;
     row("equal versions", "v7/", "KavoPro", v730, v730, "Y") << true << false << quiet;

@@ -30,13 +30,10 @@
 
 namespace {
 
+using testenv::msg;
+
 // A language file that renames the note's title and buttons.
 const QByteArray kEnglishTexts = "[1004]\nstring = Yes\n[1005]\nstring = No\n[2000]\nstring = USB package\n";
-
-QString text(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
 
 QPoint centred(const QWidget& window)
 {
@@ -115,7 +112,6 @@ private:
 
 void tst_frontend::initTestCase()
 {
-    initKavoResources();
     // The note and the main window end the application when their last window
     // closes; the test runs many of them in one application.
     QApplication::setQuitOnLastWindowClosed(false);
@@ -124,7 +120,7 @@ void tst_frontend::initTestCase()
 
 void tst_frontend::init()
 {
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(testenv::loadBuiltinTexts());
     useScreen(1024);
 }
 
@@ -322,7 +318,7 @@ void tst_frontend::noteLanguageChange()
     QCOMPARE(buttonText(note, QStringLiteral("upBtnOk")), yes);
     QCOMPARE(buttonText(note, QStringLiteral("upBtnCancel")), english ? QStringLiteral("No") : QStringLiteral("否"));
     const bool loaded = index < ids.size();
-    QCOMPARE(text(1004), loaded ? yes : QStringLiteral("other"));
+    QCOMPARE(msg(1004), loaded ? yes : QStringLiteral("other"));
 }
 
 void tst_frontend::noteAnswers_data()

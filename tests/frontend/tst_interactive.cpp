@@ -15,7 +15,6 @@
 #include "frontend/udiskupwin.h"
 #include "platform/kavo_api.h"
 #include "testenv.h"
-#include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
@@ -36,6 +35,8 @@
 
 namespace {
 
+using testenv::msg;
+
 // A small panel's screen, so that the executable and the dialogs measured
 // here take the same row of the size table.
 constexpr int kScreenWidth = 1024;
@@ -44,11 +45,6 @@ constexpr int kStageMs = 20000;
 // The countdown between a successful download and the reboot, in seconds.
 constexpr int kCountdownSeconds = 10;
 const QByteArray kPassword("2468");
-
-QString text(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
 
 // True once `condition` holds within `timeoutMs`; events are processed
 // meanwhile, so that child processes are seen to end.
@@ -204,7 +200,7 @@ Layout measure(const QString& stickRoot)
     layout.yes = centreOf(note, QStringLiteral("upBtnOk"));
     note.close();
 
-    PwdEntryDialog password(nullptr, text);
+    PwdEntryDialog password(nullptr, msg);
     layout.password = shown(password);
     for (const char key : kPassword)
         layout.keys.insert(key, centreOf(password, QStringLiteral("keyBtn") + QLatin1Char(key)));
@@ -252,8 +248,7 @@ void tst_interactive::initTestCase()
     // The download dialog's style sheet names a property the parser does not
     // know; its complaint for every measured dialog would bury the log.
     QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(testenv::loadBuiltinTexts());
     QApplication::setQuitOnLastWindowClosed(false);
     ScreenSetting::setDeviceWidthOverride(kScreenWidth);
     selectWinSize(kScreenWidth);
@@ -313,9 +308,9 @@ void tst_interactive::downloadByHand()
             .arg(QLatin1String(what), state, QString::fromLocal8Bit(output));
     };
     const auto running = [&executable] { return executable.state() == QProcess::Running; };
-    const QString noteTitle = text(2000) + QLatin1Char(' ') + package.version;
-    const QString passwordTitle = text(1011);
-    const QString mainTitle = text(2000);
+    const QString noteTitle = msg(2000) + QLatin1Char(' ') + package.version;
+    const QString passwordTitle = msg(1011);
+    const QString mainTitle = msg(2000);
 
     const QRect note = display.waitForWindow(noteTitle, running);
     QVERIFY2(!note.isNull(), qPrintable(stage("start note not shown")));

@@ -3,7 +3,6 @@
 // leave and the panel's files afterwards.
 #include "testenv.h"
 
-#include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
@@ -16,6 +15,9 @@
 #include <sys/stat.h>
 
 namespace {
+
+using testenv::msg;
+using testenv::texts;
 
 // Panel entries by path relative to the panel root; directories end in "/"
 // and hold an empty text.
@@ -37,19 +39,6 @@ struct Scenario
     Tree changes;
     QStringList untouched;    // panel files that keep their inode and time stamp
 };
-
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
-QStringList texts(const QList<int>& ids)
-{
-    QStringList lines;
-    for (int id : ids)
-        lines << msg(id);
-    return lines;
-}
 
 // The report up to the announcement of a step, on a run that passes all before.
 const QList<int> kToHardware = {2011, 2021, 2112};
@@ -165,8 +154,7 @@ private:
 void tst_download_e2e::initTestCase()
 {
     QVERIFY2(QFileInfo(qEnvironmentVariable("OPX_EXECUTABLE")).isExecutable(), "OPX_EXECUTABLE names no executable");
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(testenv::loadBuiltinTexts());
     QProcess probe;
     probe.start("unshare", {"-m", "sh", "-c", "mount -t tmpfs -o size=1m tmpfs /mnt"});
     m_canMount = probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit && probe.exitCode() == 0;

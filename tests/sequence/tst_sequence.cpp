@@ -4,7 +4,6 @@
 // one after the other.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
-#include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
@@ -20,18 +19,8 @@
 
 namespace {
 
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
-QStringList texts(const QList<int>& ids)
-{
-    QStringList lines;
-    for (int id : ids)
-        lines << msg(id);
-    return lines;
-}
+using testenv::msg;
+using testenv::texts;
 
 // The pane up to the end of the installed runtime's check.
 const QList<int> kToRuntimeChecked = {2011, 2021, 2112, 2114, 2117, 2118};
@@ -86,8 +75,7 @@ private:
 
 void tst_sequence::initTestCase()
 {
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(testenv::loadBuiltinTexts());
     // A countdown left running must never end the test process in a reboot.
     qputenv("KAVO_SIM_REBOOT_ERRNO", "1");
     // A runtime updater that records its arguments, one a line, on the panel.

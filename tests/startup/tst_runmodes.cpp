@@ -1,8 +1,8 @@
 #include "app/runmodes.h"
 #include "frame/no_menu_decoration.h"
-#include "text/multilingualmanager.h"
 
 #include "boxanswerer.h"
+#include "testenv.h"
 
 #include <QApplication>
 #include <QDialog>
@@ -54,8 +54,7 @@ private:
 
 void tst_runmodes::initTestCase()
 {
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(testenv::loadBuiltinTexts());
     qApp->installEventFilter(&m_decoration);
 }
 

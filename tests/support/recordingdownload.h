@@ -4,7 +4,6 @@
 #pragma once
 
 #include "download/projectdownload.h"
-#include "text/multilingualmanager.h"
 
 #include <QStringList>
 
@@ -28,10 +27,3 @@ protected:
         return false;
     }
 };
-
-// The built-in text table, as the package loads it at start.
-inline bool loadBuiltinTexts()
-{
-    initKavoResources();
-    return MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile);
-}

@@ -1,5 +1,6 @@
 #include "testenv.h"
 
+#include "text/multilingualmanager.h"
 #include "tools/kit/armelf.h"
 
 #include <QDir>
@@ -8,6 +9,25 @@
 #include <QFileInfo>
 
 namespace testenv {
+
+bool loadBuiltinTexts()
+{
+    initKavoResources();
+    return MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile);
+}
+
+QString msg(int id)
+{
+    return MultilingualManager::GetInstance()->getMultilingualValue(id);
+}
+
+QStringList texts(const QList<int>& ids)
+{
+    QStringList lines;
+    for (int id : ids)
+        lines << msg(id);
+    return lines;
+}
 
 QStringList entriesWithSizes(const QString& dir)
 {
@@ -27,7 +47,6 @@ OptionSafeDir::OptionSafeDir()
     : QTemporaryDir(QDir::tempPath() + QStringLiteral("/opxtest_XXXXXX"))
 {
 }
-
 
 bool writeFile(const QString& path, const QByteArray& data)
 {

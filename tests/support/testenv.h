@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
@@ -11,6 +12,12 @@
 #include <QTemporaryDir>
 
 namespace testenv {
+
+// The built-in text table, loaded as the package loads it at start.
+bool loadBuiltinTexts();
+// Message `id` of the process-wide text table, and several in a row.
+QString msg(int id);
+QStringList texts(const QList<int>& ids);
 
 // A temporary directory whose path may be handed to the package inside an
 // option ("-p DIR"). The package finds its options anywhere inside an

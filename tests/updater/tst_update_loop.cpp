@@ -4,7 +4,6 @@
 // and reboots the panel.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
-#include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/runtime.h"
 #include "tools/kit/stick.h"
@@ -19,10 +18,7 @@
 
 namespace {
 
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
+using testenv::msg;
 
 // Sets the dialog's stop flag the moment the dialog hides. On the panel the
 // resumed package stops this one with SIGTERM; in the test the sequence, which
@@ -72,8 +68,7 @@ private slots:
 
 void tst_update_loop::updatesRuntimeThenDownloads()
 {
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(testenv::loadBuiltinTexts());
     testenv::TempPanel panel;
     QTemporaryDir stick;
     const QString previousDir = QDir::currentPath();

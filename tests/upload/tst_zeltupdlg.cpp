@@ -6,10 +6,10 @@
 
 #include "frame/winsize.h"
 #include "platform/kavo_api.h"
-#include "text/multilingualmanager.h"
 #include "tools/kit/container.h"
 
 #include "boxanswerer.h"
+#include "dialogprobe.h"
 #include "stderrcapture.h"
 #include "testenv.h"
 
@@ -24,32 +24,14 @@
 
 namespace {
 
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
-template <typename T>
-T* child(const QWidget& dialog, const char* name)
-{
-    T* widget = dialog.findChild<T*>(QLatin1String(name));
-    if (widget == nullptr)
-        qFatal("no child %s", name);
-    return widget;
-}
-
-QStringList paneLines(const zeltUpDlg& dialog)
-{
-    return child<QTextEdit>(dialog, "textEdit")->toPlainText().split(QLatin1Char('\n'));
-}
+using testenv::child;
+using testenv::msg;
+using testenv::paneLines;
 
 // Whether the upload and the back button are enabled, as two 0/1 digits.
 QString enabledButtons(const zeltUpDlg& dialog)
 {
-    QString states;
-    for (const char* name : {"startup_bt", "back_bt"})
-        states += child<QPushButton>(dialog, name)->isEnabled() ? QLatin1Char('1') : QLatin1Char('0');
-    return states;
+    return testenv::enabledButtons(dialog, {"startup_bt", "back_bt"});
 }
 
 // The pane of an upload whose unpacking succeeded, for the project file `name`.
@@ -106,8 +88,7 @@ private:
 
 void TestZeltUpDlg::initTestCase()
 {
-    initKavoResources();
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile));
+    QVERIFY(testenv::loadBuiltinTexts());
 }
 
 void TestZeltUpDlg::init()

@@ -1,0 +1,39 @@
+// Looking into a dialog under test through its widgets' object names.
+#pragma once
+
+#include <QPushButton>
+#include <QStringList>
+#include <QTextEdit>
+#include <QWidget>
+
+#include <initializer_list>
+
+namespace testenv {
+
+// The child `name` of `parent`. A form without it is broken for every case
+// that follows, so a missing child ends the test program.
+template <typename T>
+T* child(const QWidget& parent, const char* name)
+{
+    T* widget = parent.findChild<T*>(QLatin1String(name));
+    if (widget == nullptr)
+        qFatal("no child %s", name);
+    return widget;
+}
+
+// The lines of the dialog's text pane.
+inline QStringList paneLines(const QWidget& dialog)
+{
+    return child<QTextEdit>(dialog, "textEdit")->toPlainText().split(QLatin1Char('\n'));
+}
+
+// Whether the named buttons are enabled, as 0/1 digits in the order given.
+inline QString enabledButtons(const QWidget& dialog, std::initializer_list<const char*> names)
+{
+    QString states;
+    for (const char* name : names)
+        states += child<QPushButton>(dialog, name)->isEnabled() ? QLatin1Char('1') : QLatin1Char('0');
+    return states;
+}
+
+} // namespace testenv
