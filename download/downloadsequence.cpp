@@ -39,45 +39,6 @@ const QString kRuntimeUpdater = QStringLiteral("opxupdateu/helper/opxupdateu_hel
 // Left by an interrupted download; a finished one removes it.
 const QString kDownloadFlag = QStringLiteral("/kavo_download_flag");
 
-// A private copy of a clear copy, for reading with QSettings.
-//
-// QSettings keeps what it has read from a path for the life of the process and
-// trusts it again while the file's size and time stamp look unchanged. The
-// clear copies are rewritten at the same path by every run, so a second
-// project whose description has the same size, unscrambled within the same
-// time stamp, would be read as the first one. A path that no QSettings has
-// seen before is always read from the file.
-class FreshCopy
-{
-public:
-    explicit FreshCopy(const QString& path)
-        : m_original(path)
-        , m_path(path)
-    {
-        static int serial = 0;
-        const QString copy = path + QLatin1Char('.') + QString::number(QCoreApplication::applicationPid())
-                             + QLatin1Char('.') + QString::number(++serial);
-        QFile::remove(copy);
-        if (QFile::copy(path, copy))
-            m_path = copy;
-    }
-    ~FreshCopy()
-    {
-        if (m_path != m_original)
-            QFile::remove(m_path);
-    }
-    FreshCopy(const FreshCopy&) = delete;
-    FreshCopy& operator=(const FreshCopy&) = delete;
-
-    // The path to read: the private copy, or the clear copy itself when no
-    // copy could be made.
-    QString path() const { return m_path; }
-
-private:
-    const QString m_original;
-    QString m_path;
-};
-
 // The data areas a project may ask to clear, in the order they are cleared.
 struct DataArea
 {

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <fcntl.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -150,13 +151,15 @@ bool ProjectDownload::checkAppIntegrity(checkPath which, const char* dir)
     }
 
     QString description = QStringLiteral("./update.ini");
+    std::optional<FreshCopy> clearDescription;
     if (package) {
         const QString clearCopy = platform::panelPath(download::strDecryptFilePath);
         if (!QSettingsFactory::decryptFile(description, clearCopy, CRYPT_WITH_MARK)) {
             resetUpgrageUI(msg(2065));
             return false;
         }
-        description = clearCopy;
+        clearDescription.emplace(clearCopy);
+        description = clearDescription->path();
     }
 
     QString listName;

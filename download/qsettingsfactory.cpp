@@ -1,5 +1,8 @@
 #include "qsettingsfactory.h"
 
+#include <QCoreApplication>
+#include <QFile>
+
 #include <algorithm>
 #include <fstream>
 
@@ -100,4 +103,22 @@ bool QSettingsFactory::encryptFile(const QString& source, const QString& target)
     out.close();
     ::sync();
     return readAll && !out.fail();
+}
+
+FreshCopy::FreshCopy(const QString& path)
+    : m_original(path)
+    , m_path(path)
+{
+    static int serial = 0;
+    const QString copy = path + QLatin1Char('.') + QString::number(QCoreApplication::applicationPid())
+                         + QLatin1Char('.') + QString::number(++serial);
+    QFile::remove(copy);
+    if (QFile::copy(path, copy))
+        m_path = copy;
+}
+
+FreshCopy::~FreshCopy()
+{
+    if (m_path != m_original)
+        QFile::remove(m_path);
 }

@@ -28,3 +28,28 @@ public:
     static unsigned char decryptByte(unsigned char b);
     static unsigned char encryptByte(unsigned char b);
 };
+
+// A private copy of a clear copy, for reading with QSettings.
+//
+// QSettings keeps what it has read from a path for the life of the process and
+// trusts it again while the file's size and time stamp look unchanged. The
+// clear copies are rewritten at the same paths by every run, so a second
+// description of the same size, unscrambled within the same time stamp, would
+// be read as the first one. A path that no QSettings has seen before is always
+// read from the file.
+class FreshCopy
+{
+public:
+    explicit FreshCopy(const QString& path);
+    ~FreshCopy();
+    FreshCopy(const FreshCopy&) = delete;
+    FreshCopy& operator=(const FreshCopy&) = delete;
+
+    // The path to read: the private copy, or the clear copy itself when no
+    // copy could be made.
+    QString path() const { return m_path; }
+
+private:
+    const QString m_original;
+    QString m_path;
+};

@@ -44,8 +44,10 @@ bool ProjectDownload::isUpdateAppCheck()
     const QString clearCopy = platform::panelPath(configfile::strDecryptFilePath);
 
     QString packageVersion;
-    if (QSettingsFactory::decryptFile(packageIni, clearCopy, CRYPT_WITH_MARK))
-        packageVersion = runtimeVersion(clearCopy);
+    if (QSettingsFactory::decryptFile(packageIni, clearCopy, CRYPT_WITH_MARK)) {
+        const FreshCopy copy(clearCopy);
+        packageVersion = runtimeVersion(copy.path());
+    }
 
     if (!QFileInfo::exists(packageIni) || packageVersion.isEmpty()) {
         if (askYesNo(QuestionIcon::Information, msg(2030), msg(2031))) {
