@@ -307,12 +307,16 @@ QString chooseLanguageCode(const QString& lanId, const QString& exeDir)
         code = lanId;
     }
 
-    if (code.isEmpty() || !QFileInfo::exists(languageFilePath(exeDir, code))) {
-        QSettings toolSettings(exeDir + kToolSettingsFile, QSettings::IniFormat);
-        toolSettings.setIniCodec("UTF-8");
-        code = languageCode(toolSettings.value(kToolLanguageKey, 0).toInt());
-    }
+    if (code.isEmpty() || !QFileInfo::exists(languageFilePath(exeDir, code)))
+        code = toolLanguageCode(exeDir);
     return code;
+}
+
+QString toolLanguageCode(const QString& exeDir)
+{
+    QSettings toolSettings(exeDir + kToolSettingsFile, QSettings::IniFormat);
+    toolSettings.setIniCodec("UTF-8");
+    return languageCode(toolSettings.value(kToolLanguageKey, 0).toInt());
 }
 
 bool loadLanguage(StartupOptions& options)

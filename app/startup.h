@@ -120,6 +120,10 @@ QString languageFilePath(const QString& exeDir, const QString& code);
 // decides (0 when absent). Never empty.
 QString chooseLanguageCode(const QString& lanId, const QString& exeDir);
 
+// The package's own language: "/tool_language/type" of exeDir +
+// "/config/proUpdateSet.ini" (0 when absent) as a language code.
+QString toolLanguageCode(const QString& exeDir);
+
 // Chooses the language code, stores it in options.lanId and loads its language
 // file over the built-in table. Returns what loading returned.
 bool loadLanguage(StartupOptions& options);

@@ -47,6 +47,15 @@ QString ProjectDownload::panelPlatformFile()
     return found.isEmpty() ? findPlatformFile(libDir) : found;
 }
 
+QString ProjectDownload::variantOfPlatform(const QString& platformCode)
+{
+    if (platformCode == s_platform_v7)
+        return QStringLiteral("v7/");
+    if (platformCode == s_platform_v5)
+        return QStringLiteral("v5/");
+    return QString();
+}
+
 QString ProjectDownload::findPlatformFile(const QString& dir)
 {
     const QDir directory(dir);

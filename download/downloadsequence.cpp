@@ -141,10 +141,7 @@ void dlgDownLoad::runSequence()
         return;
     }
     m_platformCode = QString::number(platformCode);
-    if (m_platformCode == s_platform_v7)
-        m_variantName = QStringLiteral("v7/");
-    else if (m_platformCode == s_platform_v5)
-        m_variantName = QStringLiteral("v5/");
+    m_variantName = variantOfPlatform(m_platformCode);
 
     // Which of the two variant trees the package has is not matched against
     // the panel: the panel's own variant name is used when either exists.

@@ -87,12 +87,22 @@ public:
 
     // --- Platform and version compatibility ---------------------------------
 
-    // The panel's C library file, or "" when none is found.
-    QString panelPlatformFile();
+    // The panel's C library file, or "" when none is found. Static: the runtime
+    // updater must find the very file whose platform the download checked.
+    static QString panelPlatformFile();
 
     // First regular file in `dir` matching "*.so*" whose name begins with "libc",
     // in name order ignoring case; "" when there is none.
-    QString findPlatformFile(const QString& dir);
+    static QString findPlatformFile(const QString& dir);
+
+    // The variant directory of a panel platform code: "v7/" for 10, "v5/" for
+    // 5, "" for any other.
+    static QString variantOfPlatform(const QString& platformCode);
+
+    // The runtime version a runtime description names: the first word of
+    // "/PREPARE/version" ("7.2.1 build3" gives "7.2.1"); "" when the key is
+    // missing or blank.
+    static QString runtimeVersion(const QString& iniPath);
 
     // The hardware conditions of the project description: disk capacity, platform
     // list, processor cores. False with `errorCode` 0 (capacity unknown), -1

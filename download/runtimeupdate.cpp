@@ -10,19 +10,13 @@
 #include <QFileInfo>
 #include <QSettings>
 
-namespace {
-
-// The runtime version of a description: the first word of "/PREPARE/version"
-// ("7.2.1 build3" gives "7.2.1"); "" when the key is missing or blank.
-QString runtimeVersion(const QString& iniPath)
+QString ProjectDownload::runtimeVersion(const QString& iniPath)
 {
     QSettings settings(iniPath, QSettings::IniFormat);
     settings.setIniCodec("UTF-8");
     const QString value = settings.value(QStringLiteral("/PREPARE/version")).toString().trimmed();
     return value.split(QLatin1Char(' '), Qt::SkipEmptyParts).value(0);
 }
-
-} // namespace
 
 bool ProjectDownload::kavoAppExit()
 {

@@ -33,7 +33,6 @@ constexpr unsigned int kBackToDovikCaller = 0;
 
 const QString kDescriptionFile = QStringLiteral("/config/proUpdate.ini");
 const QString kDescriptionClearCopy = QStringLiteral("/config/proUpdateTmp.ini");
-const QString kToolSettingsFile = QStringLiteral("/config/proUpdateSet.ini");
 
 QString msg(int id)
 {
@@ -116,12 +115,8 @@ void dlgUpNote::on_comboBox_currentIndexChanged(int index)
 
     const QString& code = m_languageIds.at(index);
     QString languageFile = startup::languageFilePath(m_appDir, code);
-    if (!QFile::exists(languageFile)) {
-        QSettings toolSettings(m_appDir + kToolSettingsFile, QSettings::IniFormat);
-        toolSettings.setIniCodec("UTF-8");
-        const int toolLanguage = toolSettings.value(QStringLiteral("/tool_language/type"), 0).toInt();
-        languageFile = startup::languageFilePath(m_appDir, startup::languageCode(toolLanguage));
-    }
+    if (!QFile::exists(languageFile))
+        languageFile = startup::languageFilePath(m_appDir, startup::toolLanguageCode(m_appDir));
     MultilingualManager::GetInstance()->loadMultilingualFile(languageFile, kBuiltinLanguageFile);
     // The chosen code is handed on even when its file was missing and the tool
     // language was loaded instead.

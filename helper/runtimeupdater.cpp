@@ -1,5 +1,6 @@
 #include "helper/runtimeupdater.h"
 
+#include "download/projectdownload.h"
 #include "download/qsettingsfactory.h"
 #include "platform/kavo_api.h"
 #include "platform/platform.h"
@@ -9,7 +10,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QSettings>
 #include <QTemporaryFile>
 
 #include <cstdio>
@@ -168,40 +168,9 @@ QString packageRootOfHelper(const QString& helperDir)
     return root.endsWith(QLatin1Char('/')) ? root : root + QLatin1Char('/');
 }
 
-QString variantName(int platformCode)
-{
-    switch (platformCode) {
-    case 10: return QStringLiteral("v7/");
-    case 5: return QStringLiteral("v5/");
-    default: return QString();
-    }
-}
-
-QString panelPlatformFile()
-{
-    const auto firstLibc = [](const QString& dir) {
-        const QFileInfoList entries = QDir(dir).entryInfoList(QStringList(QStringLiteral("*.so*")), QDir::Files,
-                                                              QDir::Name | QDir::IgnoreCase);
-        for (const QFileInfo& entry : entries) {
-            if (entry.fileName().startsWith(QLatin1String("libc")))
-                return entry.absoluteFilePath();
-        }
-        return QString();
-    };
-    const QString candidate = platform::panelPath(QStringLiteral("/lib/libc.so.6"));
-    const QString libDir = platform::panelPath(QStringLiteral("/lib"));
-    const QFileInfo info(candidate);
-    if (!info.exists())
-        return firstLibc(libDir);
-    if (info.isFile())
-        return candidate;
-    const QString inside = firstLibc(candidate);
-    return inside.isEmpty() ? firstLibc(libDir) : inside;
-}
-
 int panelPlatformCode()
 {
-    const QString file = panelPlatformFile();
+    const QString file = ProjectDownload::panelPlatformFile();
     if (file.isEmpty())
         return -1;
     return Kavo_GetPlatform_Arch(QFile::encodeName(file).constData());
@@ -285,15 +254,7 @@ bool checkRuntimeCopy(const QString& dir, RuntimeCopy& copy, QString& error)
         error = description + QStringLiteral(" is not a scrambled runtime description");
         return false;
     }
-    {
-        QSettings settings(clear.fileName(), QSettings::IniFormat);
-        settings.setIniCodec("UTF-8");
-        copy.version = settings.value(QStringLiteral("/PREPARE/version"))
-                           .toString()
-                           .trimmed()
-                           .split(QLatin1Char(' '), Qt::SkipEmptyParts)
-                           .value(0);
-    }
+    copy.version = ProjectDownload::runtimeVersion(clear.fileName());
     if (copy.version.isEmpty() || copy.version.contains(QLatin1Char('/'))) {
         error = description + QStringLiteral(" names no usable version");
         return false;
@@ -361,7 +322,8 @@ bool updateRuntime(const Arguments& arguments, QString& error)
     const int code = panelPlatformCode();
     if (code < 0)
         note(QStringLiteral("cannot tell the panel's platform; looking for a runtime copy without variant"));
-    const QString dir = findRuntimeCopy(arguments.rootSlash, arguments.project, arguments.product, variantName(code));
+    const QString dir = findRuntimeCopy(arguments.rootSlash, arguments.project, arguments.product,
+                                        ProjectDownload::variantOfPlatform(QString::number(code)));
     if (dir.isEmpty()) {
         error = QStringLiteral("no runtime copy of ") + arguments.product + QStringLiteral(" in ")
                 + arguments.rootSlash + arguments.project;

@@ -48,17 +48,8 @@ Arguments parseArguments(const QStringList& arguments);
 // Used when the hand-over lacks the root but names the project.
 QString packageRootOfHelper(const QString& helperDir);
 
-// The variant directory of a panel platform code: "v7/" for 10, "v5/" for 5,
-// "" for any other.
-QString variantName(int platformCode);
-
-// The panel's C library, found as the package finds it: /lib/libc.so.6 when it
-// is a regular file, else the first "libc*.so*" file (name order, case
-// ignored) inside a /lib/libc.so.6 that is a directory, else in /lib. "" when
-// there is none.
-QString panelPlatformFile();
-
-// The platform code of the panel's C library, or -1 when it cannot be told.
+// The platform code of the panel's C library, found as the package finds it,
+// or -1 when it cannot be told.
 int panelPlatformCode();
 
 // The runtime copy of the package: rootSlash + project + "/" + product + "/" +

@@ -255,7 +255,7 @@ void tst_updater::takesCopyOfPanelVariant()
     for (const QString& layout : layouts)
         QVERIFY(kit::writeRuntime(scene.copyDir(layout), packageRuntime(versions.value(layout)), true));
 
-    QCOMPARE(runtimeupdater::variantName(runtimeupdater::panelPlatformCode()),
+    QCOMPARE(ProjectDownload::variantOfPlatform(QString::number(runtimeupdater::panelPlatformCode())),
              cpuArch == 10 ? QStringLiteral("v7/") : cpuArch == 5 ? QStringLiteral("v5/") : QString());
     QString error;
     QVERIFY2(runtimeupdater::updateRuntime(scene.arguments(), error), qPrintable(error));
