@@ -27,11 +27,6 @@ namespace runmodes {
 
 namespace {
 
-QString text(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
 QStringList commandLineArguments(int argc, char* argv[])
 {
     QStringList arguments;
@@ -140,7 +135,7 @@ int runDirectDownload(const startup::StartupOptions& options)
     logger->close();
     if (!options.resultDir.isEmpty())
         logger->open(options.resultDir);
-    logger->writeReport(text(2105));
+    logger->writeReport(msg(2105));
 
     // Unattended: no list to choose from and no buttons to press.
     std::unique_ptr<dlgDownLoad> dialog = downloadDialog(options);
@@ -167,9 +162,9 @@ int runResumeDownload(const startup::StartupOptions& options)
 
 int runResumeFailed(int exePathLength)
 {
-    QMessageBox box(QMessageBox::Information, text(1001), text(2081), QMessageBox::Ok);
+    QMessageBox box(QMessageBox::Information, msg(1001), msg(2081), QMessageBox::Ok);
     box.setWindowFlags((box.windowFlags() & ~Qt::WindowContextHelpButtonHint) | Qt::WindowStaysOnTopHint);
-    box.button(QMessageBox::Ok)->setText(text(1003));
+    box.button(QMessageBox::Ok)->setText(msg(1003));
     box.exec();
     return exePathLength;
 }

@@ -32,7 +32,3 @@ QString ProjectDownload::packagePrefix() const
     return QStringLiteral("./") + m_projectName + QLatin1Char('/') + m_variantDir;
 }
 
-QString ProjectDownload::msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}

@@ -24,6 +24,7 @@
 #pragma once
 
 #include "download/accessfile.h"
+#include "text/multilingualmanager.h"
 
 #include <QString>
 #include <QStringList>
@@ -194,7 +195,4 @@ protected:
     virtual void setBntEnable(bool start, bool stop, bool restart) = 0;
     // A modal yes/no box; true only for Yes.
     virtual bool askYesNo(QuestionIcon icon, const QString& title, const QString& text) = 0;
-
-    // The text of message `id` from the text table.
-    static QString msg(int id);
 };

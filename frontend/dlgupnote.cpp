@@ -34,11 +34,6 @@ constexpr unsigned int kBackToDovikCaller = 0;
 const QString kDescriptionFile = QStringLiteral("/config/proUpdate.ini");
 const QString kDescriptionClearCopy = QStringLiteral("/config/proUpdateTmp.ini");
 
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
 } // namespace
 
 dlgUpNote::dlgUpNote(const QString& appDir, const QString& lanId, QWidget* parent)

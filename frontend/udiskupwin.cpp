@@ -17,15 +17,6 @@
 #include <QPushButton>
 #include <QShowEvent>
 
-namespace {
-
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
-} // namespace
-
 UDiskUpWin::UDiskUpWin(const QString& lanId, QWidget* parent)
     : QDialog(parent)
     , ui(std::make_unique<Ui::UDiskUpWin>())

@@ -91,6 +91,11 @@ QString MultilingualManager::getMultilingualValue(int id)
     return m_texts[id];
 }
 
+QString msg(int id)
+{
+    return MultilingualManager::GetInstance()->getMultilingualValue(id);
+}
+
 namespace kavo_process {
 
 std::function<QString(int)> _func;

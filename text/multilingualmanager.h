@@ -40,6 +40,10 @@ private:
     QMap<int, QString> m_texts;
 };
 
+// Message `id` of the process-wide text table: the lookup every screen and
+// routine of the package uses for what it says.
+QString msg(int id);
+
 namespace kavo_process {
 
 // Text lookup for code that does not see MultilingualManager; empty until set.

@@ -19,15 +19,6 @@
 
 #include <unistd.h>
 
-namespace {
-
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
-} // namespace
-
 zeltUpDlg::zeltUpDlg(QWidget* mainWindow, const QString& sourcePath)
     : QDialog(mainWindow)
     , ui(std::make_unique<Ui::zeltUpDlg>())

@@ -70,7 +70,7 @@ bool growBy(const QString& path, qint64 delta)
 
 QString text(int id)
 {
-    return QStringLiteral("text: ") + testenv::msg(id);
+    return QStringLiteral("text: ") + msg(id);
 }
 
 } // namespace

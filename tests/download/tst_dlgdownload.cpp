@@ -28,7 +28,6 @@
 namespace {
 
 using testenv::child;
-using testenv::msg;
 using testenv::paneLines;
 
 // "start stop restart" as 0/1 digits.

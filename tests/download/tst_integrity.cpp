@@ -23,7 +23,7 @@ QStringList expand(const QStringList& expected, const QString& dir = QString())
     for (const QString& line : expected) {
         const int space = line.indexOf(QLatin1Char(' '));
         const QStringList idAndArg = line.mid(space + 1).split(QLatin1Char('|'));
-        QString text = testenv::msg(idAndArg.at(0).toInt());
+        QString text = msg(idAndArg.at(0).toInt());
         if (idAndArg.size() > 1)
             text = text.arg(QString(idAndArg.at(1)).replace(QStringLiteral("$DIR"), dir));
         lines << line.left(space + 1) + text;

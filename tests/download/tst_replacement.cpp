@@ -18,8 +18,6 @@
 
 namespace {
 
-using testenv::msg;
-
 // Also records the button states, as "buttons: start stop restart".
 class Recorder : public RecordingDownload
 {

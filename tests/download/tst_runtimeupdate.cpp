@@ -12,8 +12,6 @@
 
 namespace {
 
-using testenv::msg;
-
 // Answers the questions from a script, one letter each ('Y' yes, anything
 // else no), and records which box asked: "ask:Information|title|text" or
 // "ask:Question|title|text".

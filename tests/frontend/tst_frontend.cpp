@@ -30,8 +30,6 @@
 
 namespace {
 
-using testenv::msg;
-
 // A language file that renames the note's title and buttons.
 const QByteArray kEnglishTexts = "[1004]\nstring = Yes\n[1005]\nstring = No\n[2000]\nstring = USB package\n";
 

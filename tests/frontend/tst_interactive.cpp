@@ -35,8 +35,6 @@
 
 namespace {
 
-using testenv::msg;
-
 // A small panel's screen, so that the executable and the dialogs measured
 // here take the same row of the size table.
 constexpr int kScreenWidth = 1024;

@@ -3,6 +3,7 @@
 // leave and the panel's files afterwards.
 #include "testenv.h"
 
+#include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
@@ -16,7 +17,6 @@
 
 namespace {
 
-using testenv::msg;
 using testenv::texts;
 
 // Panel entries by path relative to the panel root; directories end in "/"

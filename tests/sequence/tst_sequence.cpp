@@ -19,7 +19,6 @@
 
 namespace {
 
-using testenv::msg;
 using testenv::texts;
 
 // The pane up to the end of the installed runtime's check.

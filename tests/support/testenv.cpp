@@ -16,11 +16,6 @@ bool loadBuiltinTexts()
     return MultilingualManager::GetInstance()->loadMultilingualFile(QString(), kBuiltinLanguageFile);
 }
 
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
 QStringList texts(const QList<int>& ids)
 {
     QStringList lines;

@@ -15,8 +15,7 @@ namespace testenv {
 
 // The built-in text table, loaded as the package loads it at start.
 bool loadBuiltinTexts();
-// Message `id` of the process-wide text table, and several in a row.
-QString msg(int id);
+// Messages of the process-wide text table, in a row.
 QStringList texts(const QList<int>& ids);
 
 // A temporary directory whose path may be handed to the package inside an

@@ -18,8 +18,6 @@
 
 namespace {
 
-using testenv::msg;
-
 // Sets the dialog's stop flag the moment the dialog hides. On the panel the
 // resumed package stops this one with SIGTERM; in the test the sequence, which
 // deliberately goes on after the hand-over, is stopped by its own flag.

@@ -6,6 +6,7 @@
 
 #include "frame/winsize.h"
 #include "platform/kavo_api.h"
+#include "text/multilingualmanager.h"
 #include "tools/kit/container.h"
 
 #include "boxanswerer.h"
@@ -25,7 +26,6 @@
 namespace {
 
 using testenv::child;
-using testenv::msg;
 using testenv::paneLines;
 
 // Whether the upload and the back button are enabled, as two 0/1 digits.

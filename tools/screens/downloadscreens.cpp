@@ -27,11 +27,6 @@
 
 namespace {
 
-QString msg(int id)
-{
-    return MultilingualManager::GetInstance()->getMultilingualValue(id);
-}
-
 bool makeProject(const QString& root, const QString& contextPath)
 {
     const QString path = root + QLatin1Char('/') + contextPath;
