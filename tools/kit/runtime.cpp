@@ -130,6 +130,24 @@ RuntimeDescription readRuntimeDescription(const QString& path)
     return description;
 }
 
+QString runtimeDirectoryProblem(const QString& dir, RuntimeDescription* description)
+{
+    const QFileInfo info(dir);
+    if (!info.exists())
+        return QStringLiteral("runtime directory %1 does not exist").arg(dir);
+    if (!info.isDir())
+        return QStringLiteral("runtime %1 is not a directory").arg(dir);
+    const QString ini = dir + QStringLiteral("/update.ini");
+    if (!QFileInfo(ini).isFile())
+        return QStringLiteral("runtime directory %1 has no update.ini").arg(dir);
+    const RuntimeDescription read = readRuntimeDescription(ini);
+    if (!read.readable || md5ListName(read.version) == QLatin1String("version."))
+        return QStringLiteral("%1 names no [PREPARE] version (a plain update.ini is needed)").arg(ini);
+    if (description)
+        *description = read;
+    return QString();
+}
+
 QByteArray md5ListOfDirectory(const QString& dir, const QStringList& exclude)
 {
     QByteArray list("");
@@ -158,15 +176,12 @@ bool copyRuntime(const QString& sourceDir, const QString& targetDir, bool scramb
             *error = text;
         return false;
     };
-    if (!QFileInfo(sourceDir).isDir())
-        return fail(QStringLiteral("%1 is not a directory").arg(sourceDir));
+    RuntimeDescription description;
+    const QString problem = runtimeDirectoryProblem(sourceDir, &description);
+    if (!problem.isEmpty())
+        return fail(problem);
     const QString sourceIni = sourceDir + QStringLiteral("/update.ini");
-    const RuntimeDescription description = readRuntimeDescription(sourceIni);
-    if (!description.readable)
-        return fail(QStringLiteral("%1 holds no readable update.ini").arg(sourceDir));
     const QString listName = md5ListName(description.version);
-    if (listName == QLatin1String("version."))
-        return fail(QStringLiteral("%1 names no [PREPARE] version").arg(sourceIni));
 
     if (!QDir().mkpath(targetDir))
         return fail(QStringLiteral("cannot create %1").arg(targetDir));

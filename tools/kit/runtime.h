@@ -61,6 +61,12 @@ struct RuntimeDescription
 // Reads the plain runtime description at `path`.
 RuntimeDescription readRuntimeDescription(const QString& path);
 
+// Why the plain runtime directory `dir` cannot be carried or installed (it is
+// missing, not a directory, or its update.ini is missing, unreadable or names
+// no version), in the words the tools print; empty when it is usable, with
+// `description` then holding what its update.ini says.
+QString runtimeDirectoryProblem(const QString& dir, RuntimeDescription* description = nullptr);
+
 // The md5sum list of every regular file below `dir` (paths relative to it,
 // sorted) except the relative paths in `exclude`, each file read in pieces.
 // Names holding a backslash or a line break are escaped as md5sum escapes

@@ -167,17 +167,11 @@ bool StickBuilder::checkRuntime()
     if (m_options.runtimeDir.isEmpty())
         return true;
     const QString dir = m_options.runtimeDir;
-    const QFileInfo info(dir);
-    if (!info.exists())
-        return fail(QStringLiteral("runtime directory %1 does not exist").arg(dir));
-    if (!info.isDir())
-        return fail(QStringLiteral("runtime %1 is not a directory").arg(dir));
+    kit::RuntimeDescription description;
+    const QString problem = kit::runtimeDirectoryProblem(dir, &description);
+    if (!problem.isEmpty())
+        return fail(problem);
     const QString ini = dir + QStringLiteral("/update.ini");
-    if (!QFileInfo(ini).isFile())
-        return fail(QStringLiteral("runtime directory %1 has no update.ini").arg(dir));
-    const kit::RuntimeDescription description = kit::readRuntimeDescription(ini);
-    if (!description.readable || kit::md5ListName(description.version) == QLatin1String("version."))
-        return fail(QStringLiteral("%1 names no [PREPARE] version (a plain update.ini is needed)").arg(ini));
     if (description.hasProduct && description.product.isEmpty())
         return fail(QStringLiteral("%1 names an empty [PREPARE] product").arg(ini));
     const QString product = description.hasProduct ? description.product : defaultProduct;
@@ -185,7 +179,7 @@ bool StickBuilder::checkRuntime()
         return fail(QStringLiteral("the runtime in %1 is for %2, the project for %3 (--product)")
                         .arg(dir, product, m_options.product));
     m_project.withRuntime = true;
-    m_project.runtimeSourceDir = QDir::cleanPath(info.absoluteFilePath());
+    m_project.runtimeSourceDir = QDir::cleanPath(QFileInfo(dir).absoluteFilePath());
     return true;
 }
 
