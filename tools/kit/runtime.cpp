@@ -19,19 +19,6 @@ namespace {
 // carry the "#" mark as its fourth byte.
 const QByteArray kMarkLine(";;;# runtime environment description\n");
 
-// Relative paths of the regular files below `dir`, sorted; symbolic links to
-// files count as files, linked directories are not entered.
-QStringList regularFiles(const QString& dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-    const QDir base(dir);
-    while (it.hasNext())
-        files << base.relativeFilePath(it.next());
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
 // Copies `from` to `to` in pieces, turning every byte into its scrambled form
 // when `scramble`; `prefix` is written (scrambled alike) before the content.
 bool copyBytes(QFile& from, const QString& to, const QByteArray& prefix, bool scramble)
@@ -64,6 +51,17 @@ bool copyPlainFile(const QString& from, const QString& to)
 }
 
 } // namespace
+
+QStringList regularFiles(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    const QDir base(dir);
+    while (it.hasNext())
+        files << base.relativeFilePath(it.next());
+    std::sort(files.begin(), files.end());
+    return files;
+}
 
 bool writeFile(const QString& path, const QByteArray& data)
 {

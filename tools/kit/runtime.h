@@ -42,6 +42,10 @@ bool isDottedVersion(const QString& text);
 // The md5 list's file name for a version text: "version." + its first word.
 QString md5ListName(const QString& version);
 
+// Relative paths of the regular files below `dir`, sorted; symbolic links to
+// files count as files, linked directories are not entered.
+QStringList regularFiles(const QString& dir);
+
 // Writes `data` to `path`, creating missing directories.
 bool writeFile(const QString& path, const QByteArray& data);
 

@@ -4,7 +4,6 @@
 #include "tools/kit/runtime.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFileInfo>
 #include <QRandomGenerator>
 
@@ -99,12 +98,7 @@ bool StickBuilder::checkProjectFiles()
         || m_project.name == QLatin1String("opxbackup") || hasControlCharacter(m_project.name))
         return fail(QStringLiteral("%1 cannot name the project on the stick; give a name with --name").arg(root));
 
-    QStringList names;
-    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-    const QDir base(root);
-    while (it.hasNext())
-        names << base.relativeFilePath(it.next());
-    std::sort(names.begin(), names.end());
+    const QStringList names = kit::regularFiles(root);
     if (names.isEmpty())
         return fail(QStringLiteral("project directory %1 holds no files").arg(m_options.projectDir));
     if (!QFileInfo(root + QLatin1Char('/') + s_contextDat).isFile())
