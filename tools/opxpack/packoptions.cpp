@@ -6,6 +6,8 @@
 #include <QCommandLineParser>
 #include <QRegularExpression>
 
+#include <algorithm>
+
 #include <fnmatch.h>
 
 namespace opxpack {
@@ -45,17 +47,6 @@ ParseOutcome usage(const QString& message)
     return {ParseStatus::Usage, message};
 }
 
-bool isProjectName(const QString& name)
-{
-    if (name.isEmpty() || name.startsWith(QLatin1Char('.')) || name.contains(QLatin1Char('/'))
-        || name == s_opxupdateuDir || name == QLatin1String("opxbackup"))
-        return false;
-    for (QChar c : name)
-        if (c.unicode() < 0x20 || c.unicode() == 0x7f)
-            return false;
-    return true;
-}
-
 // A panel directory as DESPATH carries it: absolute or "$" + variable, without
 // the trailing "/" the package adds itself.
 bool panelDirectory(QString text, QString* result)
@@ -71,6 +62,17 @@ bool panelDirectory(QString text, QString* result)
 }
 
 } // namespace
+
+bool hasControlCharacter(const QString& text)
+{
+    return std::any_of(text.cbegin(), text.cend(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() == 0x7f; });
+}
+
+bool isProjectName(const QString& name)
+{
+    return !name.isEmpty() && !name.startsWith(QLatin1Char('.')) && !name.contains(QLatin1Char('/'))
+           && name != s_opxupdateuDir && name != QLatin1String("opxbackup") && !hasControlCharacter(name);
+}
 
 QString destinationFor(const QList<Destination>& rules, const QString& relativePath)
 {

@@ -7,8 +7,6 @@
 #include <QFileInfo>
 #include <QRandomGenerator>
 
-#include <algorithm>
-
 #include <unistd.h>
 
 namespace opxpack {
@@ -16,11 +14,6 @@ namespace {
 
 // SIZE is read as an unsigned 32-bit number.
 constexpr qint64 kLargestFile = 0xFFFFFFFFLL;
-
-bool hasControlCharacter(const QString& text)
-{
-    return std::any_of(text.cbegin(), text.cend(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() == 0x7f; });
-}
 
 // `path` with symbolic links resolved as far as it exists, so that two spellings
 // of one place compare equal even before the place is created.
@@ -94,8 +87,7 @@ bool StickBuilder::checkProjectFiles()
 
     m_project = kit::ProjectSpec();
     m_project.name = m_options.name.isEmpty() ? QFileInfo(root).fileName() : m_options.name;
-    if (m_project.name.isEmpty() || m_project.name.startsWith(QLatin1Char('.')) || m_project.name == s_opxupdateuDir
-        || m_project.name == QLatin1String("opxbackup") || hasControlCharacter(m_project.name))
+    if (!isProjectName(m_project.name))
         return fail(QStringLiteral("%1 cannot name the project on the stick; give a name with --name").arg(root));
 
     const QStringList names = kit::regularFiles(root);
