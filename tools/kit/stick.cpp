@@ -1,5 +1,7 @@
 #include "tools/kit/stick.h"
 
+#include "app/constants.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -8,15 +10,6 @@
 
 namespace kit {
 namespace {
-
-QString variantName(const QString& platform)
-{
-    if (platform == QLatin1String("10"))
-        return QStringLiteral("v7/");
-    if (platform == QLatin1String("5"))
-        return QStringLiteral("v5/");
-    return QString();
-}
 
 QByteArray crcText(const QByteArray& content)
 {
@@ -45,6 +38,15 @@ bool copyExecutable(const QString& from, const QString& to)
 }
 
 } // namespace
+
+QString panelFamily(const QString& platform)
+{
+    if (platform == s_platform_v7)
+        return QStringLiteral("v7");
+    if (platform == s_platform_v5)
+        return QStringLiteral("v5");
+    return QString();
+}
 
 QByteArray fileCrcText(const QString& path)
 {
@@ -86,8 +88,9 @@ QByteArray iniValue(const QString& text)
 
 QString runtimeCopyDir(const QString& stickRoot, const ProjectSpec& spec)
 {
+    const QString family = panelFamily(spec.platform);
     return stickRoot + QLatin1Char('/') + spec.name + QLatin1Char('/') + spec.product + QLatin1Char('/')
-           + variantName(spec.platform) + QStringLiteral("kavo_app");
+           + (family.isEmpty() ? QString() : family + QLatin1Char('/')) + QStringLiteral("kavo_app");
 }
 
 QString projectPrefix(const QString& stickRoot, const ProjectSpec& spec)

@@ -2,6 +2,7 @@
 
 #include "app/constants.h"
 #include "tools/kit/runtime.h"
+#include "tools/kit/stick.h"
 
 #include <QCommandLineParser>
 #include <QRegularExpression>
@@ -273,9 +274,7 @@ ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options)
 
     // The package takes v7/ on a platform-10 panel and v5/ on a platform-5 one
     // whichever of the two the project holds, so another pairing is never found.
-    const QString autoVariant = o.platform == s_platform_v7 ? QStringLiteral("v7")
-                                : o.platform == s_platform_v5 ? QStringLiteral("v5")
-                                                              : QString();
+    const QString autoVariant = kit::panelFamily(o.platform);
     const QString variantText = parser.isSet(variant) ? parser.value(variant) : QStringLiteral("auto");
     if (variantText == QLatin1String("auto"))
         o.variant = autoVariant;
