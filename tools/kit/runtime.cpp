@@ -15,8 +15,9 @@
 namespace kit {
 namespace {
 
-// The comment line that opens a scrambled description whose own text does not
-// carry the "#" mark as its fourth byte.
+// The comment line that gives a description the "#" mark a scrambled one must
+// carry as its fourth byte: the kit's own descriptions open with it, and a
+// copied one gets it when its own text lacks the mark.
 const QByteArray kMarkLine(";;;# runtime environment description\n");
 
 // Copies `from` to `to` in pieces, turning every byte into its scrambled form
@@ -43,13 +44,6 @@ bool copyBytes(QFile& from, const QString& to, const QByteArray& prefix, bool sc
     return target.flush();
 }
 
-bool copyPlainFile(const QString& from, const QString& to)
-{
-    QDir().mkpath(QFileInfo(to).absolutePath());
-    QFile::remove(to);
-    return QFile::copy(from, to);
-}
-
 } // namespace
 
 QStringList regularFiles(const QString& dir)
@@ -70,6 +64,13 @@ bool writeFile(const QString& path, const QByteArray& data)
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
     return file.write(data) == data.size();
+}
+
+bool copyFile(const QString& from, const QString& to)
+{
+    QDir().mkpath(QFileInfo(to).absolutePath());
+    QFile::remove(to); // QFile::copy does not overwrite
+    return QFile::copy(from, to);
 }
 
 bool writeScrambled(const QString& path, const QByteArray& data)
@@ -105,7 +106,7 @@ QString md5ListName(const QString& version)
 
 QByteArray updateIniText(const RuntimeSpec& spec)
 {
-    QByteArray text(";;;# runtime environment description\n[PREPARE]\n");
+    QByteArray text = kMarkLine + "[PREPARE]\n";
     text += "version=" + spec.version.toUtf8() + '\n';
     text += "minsetversion=" + spec.minSetVersion.toUtf8() + '\n';
     if (!spec.product.isEmpty())
@@ -186,7 +187,7 @@ bool copyRuntime(const QString& sourceDir, const QString& targetDir, bool scramb
     for (const QString& name : regularFiles(sourceDir)) {
         if (name == QLatin1String("update.ini") || name == listName)
             continue;
-        if (!copyPlainFile(sourceDir + QLatin1Char('/') + name, targetDir + QLatin1Char('/') + name))
+        if (!copyFile(sourceDir + QLatin1Char('/') + name, targetDir + QLatin1Char('/') + name))
             return fail(QStringLiteral("cannot copy %1 to %2").arg(sourceDir + QLatin1Char('/') + name, targetDir));
     }
 

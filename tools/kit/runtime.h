@@ -49,6 +49,10 @@ QStringList regularFiles(const QString& dir);
 // Writes `data` to `path`, creating missing directories.
 bool writeFile(const QString& path, const QByteArray& data);
 
+// Copies the file `from` to `to`, replacing what is there and creating missing
+// directories.
+bool copyFile(const QString& from, const QString& to);
+
 // Writes the scrambled form of `data` to `path`.
 bool writeScrambled(const QString& path, const QByteArray& data);
 

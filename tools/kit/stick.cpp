@@ -29,9 +29,7 @@ qint64 sizeOf(const PackageFile& file)
 
 bool copyExecutable(const QString& from, const QString& to)
 {
-    QFile::remove(to);
-    QDir().mkpath(QFileInfo(to).absolutePath());
-    return QFile::copy(from, to)
+    return copyFile(from, to)
            && QFile::setPermissions(to, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
                                             | QFileDevice::ReadGroup | QFileDevice::ExeGroup
                                             | QFileDevice::ReadOther | QFileDevice::ExeOther);
@@ -149,13 +147,7 @@ bool writeProject(const QString& stickRoot, const ProjectSpec& spec, QString* er
         *error = QStringLiteral("cannot create ") + prefix;
     for (const PackageFile& file : spec.files) {
         const QString target = prefix + file.name;
-        if (file.sourcePath.isEmpty()) {
-            note(writeFile(target, file.content), target);
-        } else {
-            QDir().mkpath(QFileInfo(target).absolutePath());
-            QFile::remove(target);
-            note(QFile::copy(file.sourcePath, target), target);
-        }
+        note(file.sourcePath.isEmpty() ? writeFile(target, file.content) : copyFile(file.sourcePath, target), target);
     }
 
     const QByteArray ini = projectIniText(spec);
