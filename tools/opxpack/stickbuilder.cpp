@@ -242,6 +242,16 @@ bool StickBuilder::build()
     return done;
 }
 
+kit::PackageSpec StickBuilder::packageSpec() const
+{
+    kit::PackageSpec package;
+    package.executable = m_executable;
+    package.helper = m_helper;
+    package.version = m_options.packageVersion;
+    package.toolLanguage = m_options.languageId;
+    return package;
+}
+
 bool StickBuilder::buildNewStick()
 {
     const QString parent = QFileInfo(m_stickRoot).absolutePath();
@@ -263,12 +273,7 @@ bool StickBuilder::buildNewStick()
     if (staging.isEmpty())
         return undo(QStringLiteral("cannot create a directory in %1").arg(parent));
 
-    kit::PackageSpec package;
-    package.executable = m_executable;
-    package.helper = m_helper;
-    package.version = m_options.packageVersion;
-    package.toolLanguage = m_options.languageId;
-    if (!kit::writePackage(staging, package))
+    if (!kit::writePackage(staging, packageSpec()))
         return undo(QStringLiteral("cannot write the package directory %1/%2").arg(m_stickRoot, s_opxupdateuDir));
     QString why;
     if (!kit::writeProject(staging, m_project, &why))
@@ -291,12 +296,7 @@ bool StickBuilder::buildIntoStick()
     QString why;
     if (!kit::writeProject(staging, m_project, &why))
         return undo(why);
-    kit::PackageSpec package;
-    package.executable = m_executable;
-    package.helper = m_helper;
-    package.version = m_options.packageVersion;
-    package.toolLanguage = m_options.languageId;
-    if (!kit::writePackage(m_stickRoot, package))
+    if (!kit::writePackage(m_stickRoot, packageSpec()))
         return undo(QStringLiteral("cannot write the package directory %1/%2").arg(m_stickRoot, s_opxupdateuDir));
 
     const QString target = projectDir();
