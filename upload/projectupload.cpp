@@ -23,7 +23,17 @@ namespace projectupload {
 
 namespace {
 
+// The packed copy as the stick access routine names it, relative to the root
+// of the stick.
+constexpr char kStickPackedPath[] = "opxbackup/KavoBackupProject.bin";
+
 constexpr char kSuffixKey[] = "/PROJECTINFO/SUFFIX_NAME";
+
+// Extension used when the project settings name none.
+const QString kDefaultSuffix = QStringLiteral(".KVP");
+
+// Input and output chunk of the unpacking, in bytes.
+constexpr int kUnpackChunk = 16348;
 
 // The container's fixed header: the magic, then two 32-bit words.
 constexpr char kMagic[] = "KAVOZIPE";
@@ -122,8 +132,8 @@ bool finishUnpack(FILE* in, FILE* out, bool ok)
     return ok;
 }
 
-} // namespace
-
+// "." + [PROJECTINFO] SUFFIX_NAME of `projectDir` + "/project_setup.ini", or
+// kDefaultSuffix when the file, the key or its value is missing.
 QString projectSuffix(const QString& projectDir)
 {
     QSettings settings(projectDir + QStringLiteral("/project_setup.ini"), QSettings::IniFormat);
@@ -134,11 +144,8 @@ QString projectSuffix(const QString& projectDir)
     return QLatin1Char('.') + suffix;
 }
 
-QString targetFileName(const QString& baseName, const QString& projectDir)
-{
-    return baseName + projectSuffix(projectDir);
-}
-
+// Allocates AccessFile::_s_accessFile (1 MiB) when it is not there yet. False
+// when the memory cannot be had.
 bool ensureCopyBuffer()
 {
     AccessFile::CopyBuffer& copy = AccessFile::_s_accessFile;
@@ -149,6 +156,13 @@ bool ensureCopyBuffer()
         return false;
     copy.size = AccessFile::kCopyBufferSize;
     return true;
+}
+
+} // namespace
+
+QString targetFileName(const QString& baseName, const QString& projectDir)
+{
+    return baseName + projectSuffix(projectDir);
 }
 
 void freeCopyBuffers()

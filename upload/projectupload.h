@@ -23,33 +23,20 @@
 
 namespace projectupload {
 
-// The packed copy, as the stick access routine names it (relative to the root
-// of the stick) and as the unpacking finds it in the working directory.
-inline constexpr char kStickPackedPath[] = "opxbackup/KavoBackupProject.bin";
+// The packed copy as the unpacking finds it in the working directory, the
+// stick's "opxbackup".
 inline const QString kLocalPackedPath = QStringLiteral("./KavoBackupProject.bin");
 
-// Extension used when the project settings name none.
-inline const QString kDefaultSuffix = QStringLiteral(".KVP");
-
-// Input and output chunk of the unpacking, in bytes.
-constexpr int kUnpackChunk = 16348;
-
-// "." + [PROJECTINFO] SUFFIX_NAME of `projectDir` + "/project_setup.ini", or
-// ".KVP" when the file, the key or its value is missing.
-QString projectSuffix(const QString& projectDir);
-
-// `baseName` + projectSuffix(projectDir): the file name of the unpacked project.
+// The file name of the unpacked project: `baseName` + "." + [PROJECTINFO]
+// SUFFIX_NAME of `projectDir` + "/project_setup.ini", or + ".KVP" when the
+// file, the key or its value is missing.
 QString targetFileName(const QString& baseName, const QString& projectDir);
-
-// Allocates AccessFile::_s_accessFile (1 MiB) when it is not there yet. False
-// when the memory cannot be had.
-bool ensureCopyBuffer();
 
 // Releases both shared copy buffers; safe when they were never allocated.
 void freeCopyBuffers();
 
-// Copies the regular file `sourcePath` to kStickPackedPath on the stick
-// (Kavo_udisk_open, created or truncated) in chunks of the shared copy buffer,
+// Copies the regular file `sourcePath` to "opxbackup/KavoBackupProject.bin" on
+// the stick (Kavo_udisk_open, created or truncated) in chunks of the shared copy buffer,
 // calling `afterChunk` (may be empty) after every chunk so that the screen
 // stays alive. True when every byte was written; false after printing the
 // reason to standard error (missing or irregular source, open, seek, read or

@@ -15,22 +15,10 @@
 namespace kit {
 namespace {
 
-// The comment line that opens a scrambled description whose own text does not
-// carry the "#" mark as its fourth byte.
+// The comment line that gives a description the "#" mark a scrambled one must
+// carry as its fourth byte: the kit's own descriptions open with it, and a
+// copied one gets it when its own text lacks the mark.
 const QByteArray kMarkLine(";;;# runtime environment description\n");
-
-// Relative paths of the regular files below `dir`, sorted; symbolic links to
-// files count as files, linked directories are not entered.
-QStringList regularFiles(const QString& dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-    const QDir base(dir);
-    while (it.hasNext())
-        files << base.relativeFilePath(it.next());
-    std::sort(files.begin(), files.end());
-    return files;
-}
 
 // Copies `from` to `to` in pieces, turning every byte into its scrambled form
 // when `scramble`; `prefix` is written (scrambled alike) before the content.
@@ -56,14 +44,18 @@ bool copyBytes(QFile& from, const QString& to, const QByteArray& prefix, bool sc
     return target.flush();
 }
 
-bool copyPlainFile(const QString& from, const QString& to)
-{
-    QDir().mkpath(QFileInfo(to).absolutePath());
-    QFile::remove(to);
-    return QFile::copy(from, to);
-}
-
 } // namespace
+
+QStringList regularFiles(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    const QDir base(dir);
+    while (it.hasNext())
+        files << base.relativeFilePath(it.next());
+    std::sort(files.begin(), files.end());
+    return files;
+}
 
 bool writeFile(const QString& path, const QByteArray& data)
 {
@@ -72,6 +64,13 @@ bool writeFile(const QString& path, const QByteArray& data)
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
     return file.write(data) == data.size();
+}
+
+bool copyFile(const QString& from, const QString& to)
+{
+    QDir().mkpath(QFileInfo(to).absolutePath());
+    QFile::remove(to); // QFile::copy does not overwrite
+    return QFile::copy(from, to);
 }
 
 bool writeScrambled(const QString& path, const QByteArray& data)
@@ -107,7 +106,7 @@ QString md5ListName(const QString& version)
 
 QByteArray updateIniText(const RuntimeSpec& spec)
 {
-    QByteArray text(";;;# runtime environment description\n[PREPARE]\n");
+    QByteArray text = kMarkLine + "[PREPARE]\n";
     text += "version=" + spec.version.toUtf8() + '\n';
     text += "minsetversion=" + spec.minSetVersion.toUtf8() + '\n';
     if (!spec.product.isEmpty())
@@ -128,6 +127,24 @@ RuntimeDescription readRuntimeDescription(const QString& path)
     description.hasProduct = ini.contains(QStringLiteral("PREPARE/product"));
     description.product = ini.value(QStringLiteral("PREPARE/product")).toString();
     return description;
+}
+
+QString runtimeDirectoryProblem(const QString& dir, RuntimeDescription* description)
+{
+    const QFileInfo info(dir);
+    if (!info.exists())
+        return QStringLiteral("runtime directory %1 does not exist").arg(dir);
+    if (!info.isDir())
+        return QStringLiteral("runtime %1 is not a directory").arg(dir);
+    const QString ini = dir + QStringLiteral("/update.ini");
+    if (!QFileInfo(ini).isFile())
+        return QStringLiteral("runtime directory %1 has no update.ini").arg(dir);
+    const RuntimeDescription read = readRuntimeDescription(ini);
+    if (!read.readable || md5ListName(read.version) == QLatin1String("version."))
+        return QStringLiteral("%1 names no [PREPARE] version (a plain update.ini is needed)").arg(ini);
+    if (description)
+        *description = read;
+    return QString();
 }
 
 QByteArray md5ListOfDirectory(const QString& dir, const QStringList& exclude)
@@ -158,22 +175,19 @@ bool copyRuntime(const QString& sourceDir, const QString& targetDir, bool scramb
             *error = text;
         return false;
     };
-    if (!QFileInfo(sourceDir).isDir())
-        return fail(QStringLiteral("%1 is not a directory").arg(sourceDir));
+    RuntimeDescription description;
+    const QString problem = runtimeDirectoryProblem(sourceDir, &description);
+    if (!problem.isEmpty())
+        return fail(problem);
     const QString sourceIni = sourceDir + QStringLiteral("/update.ini");
-    const RuntimeDescription description = readRuntimeDescription(sourceIni);
-    if (!description.readable)
-        return fail(QStringLiteral("%1 holds no readable update.ini").arg(sourceDir));
     const QString listName = md5ListName(description.version);
-    if (listName == QLatin1String("version."))
-        return fail(QStringLiteral("%1 names no [PREPARE] version").arg(sourceIni));
 
     if (!QDir().mkpath(targetDir))
         return fail(QStringLiteral("cannot create %1").arg(targetDir));
     for (const QString& name : regularFiles(sourceDir)) {
         if (name == QLatin1String("update.ini") || name == listName)
             continue;
-        if (!copyPlainFile(sourceDir + QLatin1Char('/') + name, targetDir + QLatin1Char('/') + name))
+        if (!copyFile(sourceDir + QLatin1Char('/') + name, targetDir + QLatin1Char('/') + name))
             return fail(QStringLiteral("cannot copy %1 to %2").arg(sourceDir + QLatin1Char('/') + name, targetDir));
     }
 

@@ -42,8 +42,16 @@ bool isDottedVersion(const QString& text);
 // The md5 list's file name for a version text: "version." + its first word.
 QString md5ListName(const QString& version);
 
+// Relative paths of the regular files below `dir`, sorted; symbolic links to
+// files count as files, linked directories are not entered.
+QStringList regularFiles(const QString& dir);
+
 // Writes `data` to `path`, creating missing directories.
 bool writeFile(const QString& path, const QByteArray& data);
+
+// Copies the file `from` to `to`, replacing what is there and creating missing
+// directories.
+bool copyFile(const QString& from, const QString& to);
 
 // Writes the scrambled form of `data` to `path`.
 bool writeScrambled(const QString& path, const QByteArray& data);
@@ -60,6 +68,12 @@ struct RuntimeDescription
 
 // Reads the plain runtime description at `path`.
 RuntimeDescription readRuntimeDescription(const QString& path);
+
+// Why the plain runtime directory `dir` cannot be carried or installed (it is
+// missing, not a directory, or its update.ini is missing, unreadable or names
+// no version), in the words the tools print; empty when it is usable, with
+// `description` then holding what its update.ini says.
+QString runtimeDirectoryProblem(const QString& dir, RuntimeDescription* description = nullptr);
 
 // The md5sum list of every regular file below `dir` (paths relative to it,
 // sorted) except the relative paths in `exclude`, each file read in pieces.

@@ -1,5 +1,7 @@
 #include "tools/kit/stick.h"
 
+#include "app/constants.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -8,15 +10,6 @@
 
 namespace kit {
 namespace {
-
-QString variantName(const QString& platform)
-{
-    if (platform == QLatin1String("10"))
-        return QStringLiteral("v7/");
-    if (platform == QLatin1String("5"))
-        return QStringLiteral("v5/");
-    return QString();
-}
 
 QByteArray crcText(const QByteArray& content)
 {
@@ -36,15 +29,22 @@ qint64 sizeOf(const PackageFile& file)
 
 bool copyExecutable(const QString& from, const QString& to)
 {
-    QFile::remove(to);
-    QDir().mkpath(QFileInfo(to).absolutePath());
-    return QFile::copy(from, to)
+    return copyFile(from, to)
            && QFile::setPermissions(to, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
                                             | QFileDevice::ReadGroup | QFileDevice::ExeGroup
                                             | QFileDevice::ReadOther | QFileDevice::ExeOther);
 }
 
 } // namespace
+
+QString panelFamily(const QString& platform)
+{
+    if (platform == s_platform_v7)
+        return QStringLiteral("v7");
+    if (platform == s_platform_v5)
+        return QStringLiteral("v5");
+    return QString();
+}
 
 QByteArray fileCrcText(const QString& path)
 {
@@ -86,8 +86,9 @@ QByteArray iniValue(const QString& text)
 
 QString runtimeCopyDir(const QString& stickRoot, const ProjectSpec& spec)
 {
+    const QString family = panelFamily(spec.platform);
     return stickRoot + QLatin1Char('/') + spec.name + QLatin1Char('/') + spec.product + QLatin1Char('/')
-           + variantName(spec.platform) + QStringLiteral("kavo_app");
+           + (family.isEmpty() ? QString() : family + QLatin1Char('/')) + QStringLiteral("kavo_app");
 }
 
 QString projectPrefix(const QString& stickRoot, const ProjectSpec& spec)
@@ -146,13 +147,7 @@ bool writeProject(const QString& stickRoot, const ProjectSpec& spec, QString* er
         *error = QStringLiteral("cannot create ") + prefix;
     for (const PackageFile& file : spec.files) {
         const QString target = prefix + file.name;
-        if (file.sourcePath.isEmpty()) {
-            note(writeFile(target, file.content), target);
-        } else {
-            QDir().mkpath(QFileInfo(target).absolutePath());
-            QFile::remove(target);
-            note(QFile::copy(file.sourcePath, target), target);
-        }
+        note(file.sourcePath.isEmpty() ? writeFile(target, file.content) : copyFile(file.sourcePath, target), target);
     }
 
     const QByteArray ini = projectIniText(spec);

@@ -51,6 +51,10 @@ struct ProjectSpec
     QString runtimeSourceDir = QString();
 };
 
+// The panel family directory the package looks into on a panel of `platform`:
+// "v7" for 10, "v5" for 5, empty for any other.
+QString panelFamily(const QString& platform);
+
 // The package prefix of `spec` inside `stickRoot`: root/name/ or root/name/variant/.
 QString projectPrefix(const QString& stickRoot, const ProjectSpec& spec);
 

@@ -6,6 +6,10 @@
 #include <QTextStream>
 
 #include <functional>
+#include <optional>
+
+class QCommandLineOption;
+class QCommandLineParser;
 
 namespace kit {
 
@@ -27,6 +31,22 @@ struct ParseOutcome
     ParseStatus status = ParseStatus::Ok;
     QString message;
 };
+
+// `text` in single quotes, as the tools cite a value they refuse.
+QString quoted(const QString& text);
+
+// The outcome of a malformed command line, saying `message`.
+ParseOutcome usage(const QString& message);
+
+// True for 1 to 9 decimal digits: a number that fits the package's 32-bit fields.
+bool isNumber(const QString& text);
+
+// Parses `arguments` with `parser`, whose options are all added and whose help
+// option is `help`. The outcome to give at once when the command line is
+// malformed, asks for help or carries an argument that is no option; nothing
+// when the tool goes on to read the option values.
+std::optional<ParseOutcome> openCommandLine(QCommandLineParser& parser, const QCommandLineOption& help,
+                                            const QStringList& arguments);
 
 // Answers a command line that asked for help or was wrong, on `out` or `err`
 // with the name of `tool`. Returns the exit code for those; -1 when the

@@ -2,14 +2,21 @@
 
 #include "app/constants.h"
 #include "tools/kit/runtime.h"
+#include "tools/kit/stick.h"
 
 #include <QCommandLineParser>
 #include <QRegularExpression>
+
+#include <algorithm>
 
 #include <fnmatch.h>
 
 namespace opxpack {
 namespace {
+
+using kit::isNumber;
+using kit::quoted;
+using kit::usage;
 
 const char kDescription[] =
     "Builds a USB stick for the panel's maintenance package: writes the package\n"
@@ -32,29 +39,7 @@ const char kDescription[] =
     "Exit status: 0 packed; 1 the input, the runtime or the stick cannot be used,\n"
     "or writing failed (nothing is left behind); 2 the command line is wrong.";
 
-const QRegularExpression kNumber(QStringLiteral("^[0-9]{1,9}$"));
 const QRegularExpression kProduct(QStringLiteral("^[A-Za-z0-9_.-]+$"));
-
-QString quoted(const QString& text)
-{
-    return QLatin1Char('\'') + text + QLatin1Char('\'');
-}
-
-ParseOutcome usage(const QString& message)
-{
-    return {ParseStatus::Usage, message};
-}
-
-bool isProjectName(const QString& name)
-{
-    if (name.isEmpty() || name.startsWith(QLatin1Char('.')) || name.contains(QLatin1Char('/'))
-        || name == s_opxupdateuDir || name == QLatin1String("opxbackup"))
-        return false;
-    for (QChar c : name)
-        if (c.unicode() < 0x20 || c.unicode() == 0x7f)
-            return false;
-    return true;
-}
 
 // A panel directory as DESPATH carries it: absolute or "$" + variable, without
 // the trailing "/" the package adds itself.
@@ -71,6 +56,17 @@ bool panelDirectory(QString text, QString* result)
 }
 
 } // namespace
+
+bool hasControlCharacter(const QString& text)
+{
+    return std::any_of(text.cbegin(), text.cend(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() == 0x7f; });
+}
+
+bool isProjectName(const QString& name)
+{
+    return !name.isEmpty() && !name.startsWith(QLatin1Char('.')) && !name.contains(QLatin1Char('/'))
+           && name != s_opxupdateuDir && name != QLatin1String("opxbackup") && !hasControlCharacter(name);
+}
 
 QString destinationFor(const QList<Destination>& rules, const QString& relativePath)
 {
@@ -160,12 +156,8 @@ ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options)
                        diskCapacity, hwPlatform, cpuCore, clear, variant, scramble, runtime, executable, helper,
                        languageId, version});
 
-    if (!parser.parse(arguments))
-        return usage(parser.errorText());
-    if (parser.isSet(help))
-        return {ParseStatus::Help, parser.helpText()};
-    if (!parser.positionalArguments().isEmpty())
-        return usage(QStringLiteral("unexpected argument ") + quoted(parser.positionalArguments().constFirst()));
+    if (const std::optional<ParseOutcome> answer = kit::openCommandLine(parser, help, arguments))
+        return *answer;
     if (!parser.isSet(project))
         return usage(QStringLiteral("no project directory given (--project DIR)"));
     if (!parser.isSet(out))
@@ -199,7 +191,7 @@ ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options)
 
     if (parser.isSet(platform)) {
         o.platform = parser.value(platform);
-        if (!kNumber.match(o.platform).hasMatch())
+        if (!isNumber(o.platform))
             return usage(QStringLiteral("--platform: ") + quoted(o.platform)
                          + QStringLiteral(" is not a platform code (a number such as 10 or 5)"));
     }
@@ -231,13 +223,13 @@ ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options)
 
     if (parser.isSet(diskCapacity)) {
         o.diskCapacity = parser.value(diskCapacity);
-        if (!kNumber.match(o.diskCapacity).hasMatch())
+        if (!isNumber(o.diskCapacity))
             return usage(QStringLiteral("--disk-capacity: ") + quoted(o.diskCapacity)
                          + QStringLiteral(" is not a number of MiB"));
     }
     if (parser.isSet(hwPlatform)) {
         for (const QString& code : parser.value(hwPlatform).split(QLatin1Char(','))) {
-            if (!kNumber.match(code.trimmed()).hasMatch())
+            if (!isNumber(code.trimmed()))
                 return usage(QStringLiteral("--hw-platform: ") + quoted(code.trimmed())
                              + QStringLiteral(" is not a platform code"));
             o.hardwarePlatforms << code.trimmed();
@@ -245,7 +237,7 @@ ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options)
     }
     if (parser.isSet(cpuCore)) {
         o.cpuCore = parser.value(cpuCore);
-        if (!kNumber.match(o.cpuCore).hasMatch())
+        if (!isNumber(o.cpuCore))
             return usage(QStringLiteral("--cpu-core: ") + quoted(o.cpuCore)
                          + QStringLiteral(" is not a number of cores"));
     }
@@ -271,9 +263,7 @@ ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options)
 
     // The package takes v7/ on a platform-10 panel and v5/ on a platform-5 one
     // whichever of the two the project holds, so another pairing is never found.
-    const QString autoVariant = o.platform == s_platform_v7 ? QStringLiteral("v7")
-                                : o.platform == s_platform_v5 ? QStringLiteral("v5")
-                                                              : QString();
+    const QString autoVariant = kit::panelFamily(o.platform);
     const QString variantText = parser.isSet(variant) ? parser.value(variant) : QStringLiteral("auto");
     if (variantText == QLatin1String("auto"))
         o.variant = autoVariant;
@@ -299,7 +289,7 @@ ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options)
         return usage(QStringLiteral("--executable and --helper need a path"));
     if (parser.isSet(languageId)) {
         const QString text = parser.value(languageId);
-        if (!kNumber.match(text).hasMatch())
+        if (!isNumber(text))
             return usage(QStringLiteral("--language-id: ") + quoted(text) + QStringLiteral(" is not a language number"));
         o.languageId = text.toInt();
     }

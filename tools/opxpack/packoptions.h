@@ -58,6 +58,15 @@ struct PackOptions
 // Help when --help was asked for.
 ParseOutcome parseOptions(const QStringList& arguments, PackOptions* options);
 
+// True when `text` holds a character below 0x20 or DEL, which the package's
+// descriptions cannot carry.
+bool hasControlCharacter(const QString& text);
+
+// True for a name the project directory on the stick may have: not empty, not
+// hidden, a single path component without control characters, and neither the
+// package's own directory nor the panel's backup directory.
+bool isProjectName(const QString& name);
+
 // The destination directory on the panel of the project file at `relativePath`:
 // the first rule whose glob matches the whole path ("*" also matches "/"),
 // else "/data/userfile" for the DownLoadFile tree and "/usr/kavo_app/project"

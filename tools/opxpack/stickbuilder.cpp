@@ -4,11 +4,8 @@
 #include "tools/kit/runtime.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFileInfo>
 #include <QRandomGenerator>
-
-#include <algorithm>
 
 #include <unistd.h>
 
@@ -17,11 +14,6 @@ namespace {
 
 // SIZE is read as an unsigned 32-bit number.
 constexpr qint64 kLargestFile = 0xFFFFFFFFLL;
-
-bool hasControlCharacter(const QString& text)
-{
-    return std::any_of(text.cbegin(), text.cend(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() == 0x7f; });
-}
 
 // `path` with symbolic links resolved as far as it exists, so that two spellings
 // of one place compare equal even before the place is created.
@@ -95,16 +87,10 @@ bool StickBuilder::checkProjectFiles()
 
     m_project = kit::ProjectSpec();
     m_project.name = m_options.name.isEmpty() ? QFileInfo(root).fileName() : m_options.name;
-    if (m_project.name.isEmpty() || m_project.name.startsWith(QLatin1Char('.')) || m_project.name == s_opxupdateuDir
-        || m_project.name == QLatin1String("opxbackup") || hasControlCharacter(m_project.name))
+    if (!isProjectName(m_project.name))
         return fail(QStringLiteral("%1 cannot name the project on the stick; give a name with --name").arg(root));
 
-    QStringList names;
-    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-    const QDir base(root);
-    while (it.hasNext())
-        names << base.relativeFilePath(it.next());
-    std::sort(names.begin(), names.end());
+    const QStringList names = kit::regularFiles(root);
     if (names.isEmpty())
         return fail(QStringLiteral("project directory %1 holds no files").arg(m_options.projectDir));
     if (!QFileInfo(root + QLatin1Char('/') + s_contextDat).isFile())
@@ -167,17 +153,11 @@ bool StickBuilder::checkRuntime()
     if (m_options.runtimeDir.isEmpty())
         return true;
     const QString dir = m_options.runtimeDir;
-    const QFileInfo info(dir);
-    if (!info.exists())
-        return fail(QStringLiteral("runtime directory %1 does not exist").arg(dir));
-    if (!info.isDir())
-        return fail(QStringLiteral("runtime %1 is not a directory").arg(dir));
+    kit::RuntimeDescription description;
+    const QString problem = kit::runtimeDirectoryProblem(dir, &description);
+    if (!problem.isEmpty())
+        return fail(problem);
     const QString ini = dir + QStringLiteral("/update.ini");
-    if (!QFileInfo(ini).isFile())
-        return fail(QStringLiteral("runtime directory %1 has no update.ini").arg(dir));
-    const kit::RuntimeDescription description = kit::readRuntimeDescription(ini);
-    if (!description.readable || kit::md5ListName(description.version) == QLatin1String("version."))
-        return fail(QStringLiteral("%1 names no [PREPARE] version (a plain update.ini is needed)").arg(ini));
     if (description.hasProduct && description.product.isEmpty())
         return fail(QStringLiteral("%1 names an empty [PREPARE] product").arg(ini));
     const QString product = description.hasProduct ? description.product : defaultProduct;
@@ -185,7 +165,7 @@ bool StickBuilder::checkRuntime()
         return fail(QStringLiteral("the runtime in %1 is for %2, the project for %3 (--product)")
                         .arg(dir, product, m_options.product));
     m_project.withRuntime = true;
-    m_project.runtimeSourceDir = QDir::cleanPath(info.absoluteFilePath());
+    m_project.runtimeSourceDir = QDir::cleanPath(QFileInfo(dir).absoluteFilePath());
     return true;
 }
 
@@ -262,6 +242,16 @@ bool StickBuilder::build()
     return done;
 }
 
+kit::PackageSpec StickBuilder::packageSpec() const
+{
+    kit::PackageSpec package;
+    package.executable = m_executable;
+    package.helper = m_helper;
+    package.version = m_options.packageVersion;
+    package.toolLanguage = m_options.languageId;
+    return package;
+}
+
 bool StickBuilder::buildNewStick()
 {
     const QString parent = QFileInfo(m_stickRoot).absolutePath();
@@ -283,12 +273,7 @@ bool StickBuilder::buildNewStick()
     if (staging.isEmpty())
         return undo(QStringLiteral("cannot create a directory in %1").arg(parent));
 
-    kit::PackageSpec package;
-    package.executable = m_executable;
-    package.helper = m_helper;
-    package.version = m_options.packageVersion;
-    package.toolLanguage = m_options.languageId;
-    if (!kit::writePackage(staging, package))
+    if (!kit::writePackage(staging, packageSpec()))
         return undo(QStringLiteral("cannot write the package directory %1/%2").arg(m_stickRoot, s_opxupdateuDir));
     QString why;
     if (!kit::writeProject(staging, m_project, &why))
@@ -311,12 +296,7 @@ bool StickBuilder::buildIntoStick()
     QString why;
     if (!kit::writeProject(staging, m_project, &why))
         return undo(why);
-    kit::PackageSpec package;
-    package.executable = m_executable;
-    package.helper = m_helper;
-    package.version = m_options.packageVersion;
-    package.toolLanguage = m_options.languageId;
-    if (!kit::writePackage(m_stickRoot, package))
+    if (!kit::writePackage(m_stickRoot, packageSpec()))
         return undo(QStringLiteral("cannot write the package directory %1/%2").arg(m_stickRoot, s_opxupdateuDir));
 
     const QString target = projectDir();

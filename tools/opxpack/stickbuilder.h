@@ -47,6 +47,8 @@ private:
     bool checkExecutables();
     bool checkStick();
     QString findBesideTool(const QString& fileName) const;
+    // The package directory written beside the project, from the checked options.
+    kit::PackageSpec packageSpec() const;
     bool buildNewStick();
     bool buildIntoStick();
 

@@ -9,6 +9,10 @@
 namespace opxpanel {
 namespace {
 
+using kit::isNumber;
+using kit::quoted;
+using kit::usage;
+
 const char kDescription[] =
     "Makes a simulated panel: a directory laid out as the panel's file system\n"
     "(C library stand-in, installed runtime with its md5 list, current project,\n"
@@ -17,18 +21,7 @@ const char kDescription[] =
     "Exit status: 0 made; 1 the root, the runtime or the backup cannot be used,\n"
     "or writing failed; 2 the command line is wrong.";
 
-const QRegularExpression kNumber(QStringLiteral("^[0-9]{1,9}$"));
 const QRegularExpression kName(QStringLiteral("^[A-Za-z0-9_.-]+$"));
-
-QString quoted(const QString& text)
-{
-    return QLatin1Char('\'') + text + QLatin1Char('\'');
-}
-
-ParseOutcome usage(const QString& message)
-{
-    return {ParseStatus::Usage, message};
-}
 
 } // namespace
 
@@ -90,12 +83,8 @@ ParseOutcome parseOptions(const QStringList& arguments, PanelOptions* options)
     parser.addOptions({root, force, arch, runtimeVersion, minSetVersion, product, runtime, password, suffix, language,
                        backup, running, print});
 
-    if (!parser.parse(arguments))
-        return usage(parser.errorText());
-    if (parser.isSet(help))
-        return {ParseStatus::Help, parser.helpText()};
-    if (!parser.positionalArguments().isEmpty())
-        return usage(QStringLiteral("unexpected argument ") + quoted(parser.positionalArguments().constFirst()));
+    if (const std::optional<ParseOutcome> answer = kit::openCommandLine(parser, help, arguments))
+        return *answer;
     if (!parser.isSet(root) || parser.value(root).isEmpty())
         return usage(QStringLiteral("no panel root given (--root DIR)"));
 
@@ -107,7 +96,7 @@ ParseOutcome parseOptions(const QStringList& arguments, PanelOptions* options)
 
     if (parser.isSet(arch)) {
         const QString text = parser.value(arch);
-        if (!kNumber.match(text).hasMatch())
+        if (!isNumber(text))
             return usage(QStringLiteral("--arch: ") + quoted(text)
                          + QStringLiteral(" is not an architecture number such as 10 or 5"));
         o.panel.cpuArch = text.toInt();
@@ -158,7 +147,7 @@ ParseOutcome parseOptions(const QStringList& arguments, PanelOptions* options)
     }
     if (parser.isSet(language)) {
         const QString text = parser.value(language);
-        if (!kNumber.match(text).hasMatch())
+        if (!isNumber(text))
             return usage(QStringLiteral("--language: ") + quoted(text) + QStringLiteral(" is not a language number"));
         o.panel.language = text.toInt();
     }

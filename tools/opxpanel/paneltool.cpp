@@ -41,14 +41,12 @@ QString checkInputs(const PanelOptions& options)
 {
     const QString runtime = options.panel.runtimeSourceDir;
     if (!runtime.isEmpty()) {
+        // opxpanel has always reported a plain file given as the runtime as missing.
         if (!QFileInfo(runtime).isDir())
             return QStringLiteral("runtime directory %1 does not exist").arg(runtime);
-        const QString ini = runtime + QStringLiteral("/update.ini");
-        if (!QFileInfo(ini).isFile())
-            return QStringLiteral("runtime directory %1 has no update.ini").arg(runtime);
-        const kit::RuntimeDescription description = kit::readRuntimeDescription(ini);
-        if (!description.readable || kit::md5ListName(description.version) == QLatin1String("version."))
-            return QStringLiteral("%1 names no [PREPARE] version (a plain update.ini is needed)").arg(ini);
+        const QString problem = kit::runtimeDirectoryProblem(runtime);
+        if (!problem.isEmpty())
+            return problem;
     }
     const QString backup = options.panel.backupProjectFile;
     if (!backup.isEmpty() && (!QFileInfo(backup).isFile() || !QFileInfo(backup).isReadable()))

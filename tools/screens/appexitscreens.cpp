@@ -5,17 +5,13 @@
 //
 // The texts come from the built-in text table and the application font is the
 // one the package chooses for the screen the tool runs on.
-#include "frame/screensetting.h"
 #include "frontend/app_exit_failed_dlg.h"
 #include "text/multilingualmanager.h"
 #include "tools/screens/screenframe.h"
 
 #include <QApplication>
 #include <QDir>
-#include <QEventLoop>
 #include <QFileInfo>
-#include <QFont>
-#include <QTimer>
 
 #include <cstdio>
 #include <functional>
@@ -39,16 +35,6 @@ int main(int argc, char* argv[])
     dialog.setPollMode(false);
     dialog.setPromptText(kavo_process::_func(1008));
     dialog.show();
-
-    // Lets the window system show and paint the dialog.
-    QEventLoop loop;
-    QTimer::singleShot(300, &loop, &QEventLoop::quit);
-    loop.exec();
-
-    if (!dialog.grab().save(outFile)) {
-        std::fprintf(stderr, "appexit_screens: cannot write %s\n", qPrintable(outFile));
-        return 1;
-    }
-    std::printf("%s\n", qPrintable(outFile));
-    return 0;
+    screens::settle();
+    return screens::savePicture(dialog.grab(), outFile, "appexit_screens") ? 0 : 1;
 }

@@ -8,20 +8,15 @@
 // OUTDIR/screen-{idle,running,failed,done}.png. The dialog takes the size class of
 // the real screen, as on the panel.
 #include "download/dlgdownload.h"
-#include "frame/screensetting.h"
-#include "frame/winsize.h"
 #include "text/multilingualmanager.h"
 #include "tools/screens/screenframe.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QFile>
-#include <QFont>
 #include <QPushButton>
 #include <QScreen>
 #include <QTemporaryDir>
-#include <QEventLoop>
-#include <QTimer>
 
 #include <cstdio>
 
@@ -41,12 +36,8 @@ bool save(dlgDownLoad& dialog, const QString& outDir, const QString& state)
     screens::settle();
     const QString dialogFile = outDir + QStringLiteral("/download-") + state + QStringLiteral(".png");
     const QString screenFile = outDir + QStringLiteral("/screen-") + state + QStringLiteral(".png");
-    if (!dialog.grab().save(dialogFile))
-        return false;
-    if (!dialog.screen()->grabWindow(0).save(screenFile))
-        return false;
-    std::printf("%s\n%s\n", qPrintable(dialogFile), qPrintable(screenFile));
-    return true;
+    return screens::savePicture(dialog.grab(), dialogFile, "download_screens")
+           && screens::savePicture(dialog.screen()->grabWindow(0), screenFile, "download_screens");
 }
 
 } // namespace

@@ -9,8 +9,6 @@
 // screen, as on the panel; run it under Xvfb with the panel's screen size. The
 // note reads a made-up package in a temporary stick, the main window a made-up
 // panel with a packed project to upload.
-#include "frame/screensetting.h"
-#include "frame/winsize.h"
 #include "frontend/dlgupnote.h"
 #include "frontend/udiskupwin.h"
 #include "text/multilingualmanager.h"
@@ -20,35 +18,23 @@
 
 #include <QApplication>
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
-#include <QFont>
 #include <QScreen>
 #include <QTemporaryDir>
-#include <QTimer>
 
 #include <cstdio>
 
 namespace {
-
-bool save(const QPixmap& picture, const QString& file)
-{
-    if (!picture.save(file)) {
-        std::fprintf(stderr, "note_screens: cannot write %s\n", qPrintable(file));
-        return false;
-    }
-    std::printf("%s\n", qPrintable(file));
-    return true;
-}
 
 // The window alone and the whole screen around it.
 bool capture(QWidget& window, const QString& outDir, const QString& name)
 {
     window.show();
     screens::settle(400);
-    return save(window.grab(), outDir + QLatin1Char('/') + name + QStringLiteral(".png"))
-           && save(window.screen()->grabWindow(0),
-                   outDir + QStringLiteral("/screen-") + name + QStringLiteral(".png"));
+    return screens::savePicture(window.grab(), outDir + QLatin1Char('/') + name + QStringLiteral(".png"),
+                                "note_screens")
+           && screens::savePicture(window.screen()->grabWindow(0),
+                                   outDir + QStringLiteral("/screen-") + name + QStringLiteral(".png"), "note_screens");
 }
 
 } // namespace

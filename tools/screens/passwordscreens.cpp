@@ -9,20 +9,16 @@
 // OUTDIR/screen-password-toolong.png (the whole screen while the 20-character
 // message is up). The dialog checks what is typed against a made-up panel in
 // a temporary directory, never against the machine's own configuration.
-#include "app/constants.h"
-#include "frame/screensetting.h"
 #include "frontend/pwdentrydialog.h"
-#include "platform/platform.h"
 #include "text/multilingualmanager.h"
+#include "tools/kit/panel.h"
 #include "tools/screens/screenframe.h"
 
 #include <QAbstractButton>
 #include <QApplication>
 #include <QCryptographicHash>
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
-#include <QFont>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QScreen>
@@ -33,19 +29,10 @@
 
 namespace {
 
-bool report(bool saved, const QString& file)
-{
-    if (saved)
-        std::printf("%s\n", qPrintable(file));
-    else
-        std::fprintf(stderr, "password_screens: cannot write %s\n", qPrintable(file));
-    return saved;
-}
-
 bool saveDialog(QWidget& dialog, const QString& file)
 {
     screens::settle();
-    return report(dialog.grab().save(file), file);
+    return screens::savePicture(dialog.grab(), file, "password_screens");
 }
 
 void press(const QWidget& dialog, const char* keyName)
@@ -57,18 +44,13 @@ void press(const QWidget& dialog, const char* keyName)
 // every key leaves the dialog open.
 bool makePanel(const QTemporaryDir& panel)
 {
-    if (!panel.isValid())
+    kit::PanelSpec spec;
+    spec.passwordDigest =
+        QString::fromLatin1(QCryptographicHash::hash("not-typed", QCryptographicHash::Md5).toHex());
+    if (!panel.isValid() || !kit::makePanel(panel.path(), spec))
         return false;
     qputenv("KAVO_PANEL_ROOT", QFile::encodeName(panel.path()));
-    platform::preparePanelRoot();
-    const QString config = platform::panelPath(PWD_CONF_PATH);
-    if (!QDir().mkpath(config.left(config.lastIndexOf(QLatin1Char('/')))))
-        return false;
-    QFile file(config);
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    const QByteArray digest = QCryptographicHash::hash("not-typed", QCryptographicHash::Md5).toHex();
-    return file.write("[SECURITY]\nlicense=" + digest + "\n") > 0;
+    return true;
 }
 
 } // namespace
@@ -115,7 +97,7 @@ int main(int argc, char* argv[])
             return;
         poll.stop();
         screens::settle();
-        boxSaved = report(box->screen()->grabWindow(0).save(boxFile), boxFile);
+        boxSaved = screens::savePicture(box->screen()->grabWindow(0), boxFile, "password_screens");
         box->button(QMessageBox::Ok)->click();
     });
     poll.start(50);

@@ -7,6 +7,7 @@
 #include <QApplication>
 #include <QEventLoop>
 #include <QFont>
+#include <QPixmap>
 #include <QTimer>
 
 #include <cstdio>
@@ -32,6 +33,16 @@ void settle(int milliseconds)
     QEventLoop loop;
     QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
     loop.exec();
+}
+
+bool savePicture(const QPixmap& picture, const QString& file, const char* tool)
+{
+    if (!picture.save(file)) {
+        std::fprintf(stderr, "%s: cannot write %s\n", tool, qPrintable(file));
+        return false;
+    }
+    std::printf("%s\n", qPrintable(file));
+    return true;
 }
 
 } // namespace screens

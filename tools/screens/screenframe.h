@@ -3,6 +3,9 @@
 // shows them on a screen of the renderer's size.
 #pragma once
 
+class QPixmap;
+class QString;
+
 namespace screens {
 
 // Loads the built-in text table, chooses the size class of the screen the
@@ -13,5 +16,10 @@ bool prepare(const char* tool);
 
 // Lets the window system show and paint what changed.
 void settle(int milliseconds = 300);
+
+// Saves `picture` as `file` and prints the file's path on standard output, so
+// that a caller can collect what was written. False, with a message naming
+// `tool` on standard error, when the file cannot be written.
+bool savePicture(const QPixmap& picture, const QString& file, const char* tool);
 
 } // namespace screens

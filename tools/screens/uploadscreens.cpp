@@ -6,8 +6,6 @@
 // Writes OUTDIR/upload-idle.png, OUTDIR/upload-done.png (the dialog alone) and
 // OUTDIR/upload.png (both side by side). The dialog takes the size class of the
 // real screen, as on the panel.
-#include "frame/screensetting.h"
-#include "frame/winsize.h"
 #include "platform/kavo_api.h"
 #include "text/multilingualmanager.h"
 #include "tools/screens/screenframe.h"
@@ -16,13 +14,11 @@
 
 #include <QApplication>
 #include <QDir>
-#include <QEventLoop>
-#include <QFont>
+#include <QFile>
 #include <QImage>
 #include <QPainter>
-#include <QPushButton>
+#include <QPixmap>
 #include <QTemporaryDir>
-#include <QTimer>
 #include <QWidget>
 
 #include <cstdio>
@@ -32,11 +28,8 @@ namespace {
 QImage capture(zeltUpDlg& dialog, const QString& file)
 {
     screens::settle();
-    const QImage image = dialog.grab().toImage();
-    if (!image.save(file))
-        return QImage();
-    std::printf("%s\n", qPrintable(file));
-    return image;
+    const QPixmap picture = dialog.grab();
+    return screens::savePicture(picture, file, "upload_screens") ? picture.toImage() : QImage();
 }
 
 } // namespace
@@ -89,9 +82,7 @@ int main(int argc, char* argv[])
     painter.drawImage(0, 0, idle);
     painter.drawImage(idle.width() + kGap, 0, done);
     painter.end();
-    const QString bothFile = outDir + QStringLiteral("/upload.png");
-    if (!both.save(bothFile))
+    if (!screens::savePicture(QPixmap::fromImage(both), outDir + QStringLiteral("/upload.png"), "upload_screens"))
         return 1;
-    std::printf("%s\n", qPrintable(bothFile));
     return 0;
 }
