@@ -92,7 +92,16 @@ bool ProjectDownload::checkUserFileArea()
     if (used + free < needed)
         return false;
     setTextEditContent(msg(2046));
+    // The line above let the stop button through.
+    if (m_stop)
+        return false;
     if (Kavo_DeleteDirectory(userArea.c_str()) != 0) {
+        setTextEditContent(msg(2048));
+        return false;
+    }
+    // The panel's deletion takes the area's directory with it, and the runtime
+    // and the next download expect the area to be there, empty.
+    if (Kavo_CreateDirectory(userArea.c_str()) != 0) {
         setTextEditContent(msg(2048));
         return false;
     }

@@ -25,6 +25,7 @@
 #include <QTimer>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -32,6 +33,8 @@ namespace {
 constexpr int kRestartSeconds = 10;
 constexpr int kCountdownIntervalMs = 1000;
 constexpr int kStartDelayMs = 200;
+// Exit status of an unattended run whose reboot failed.
+constexpr int kRebootFailedStatus = 1;
 
 // Space under every line of the text pane, so that multi-line messages stay
 // readable as separate steps.
@@ -99,32 +102,30 @@ dlgDownLoad::dlgDownLoad(const QString& dataDir, const QString& lanId, QWidget* 
     ui->btnStop->setText(msg(2008));
     ui->btnStart->setText(msg(2009));
 
-    const QStringList projects = findProjects();
-    m_projectModel = new QStringListModel(projects, this);
+    m_projectModel = new QStringListModel(this);
     ui->listView->setModel(m_projectModel);
     ui->listView->setStyleSheet(smallScreen ? kSmallListStyle : kLargeListStyle);
-
-    if (!projects.isEmpty()) {
-        ui->listView->setCurrentIndex(m_projectModel->index(0));
-        m_projectName = projects.first();
-    }
-    setWindowTitle(m_projectName);
+    listProjects();
 
     setBntEnable(true, false, true);
 }
 
 dlgDownLoad::~dlgDownLoad() = default;
 
-QStringList dlgDownLoad::findProjects()
+// The projects are those of the package root, not of the working directory:
+// the main window has made the stick's "opxbackup" the working directory by
+// the time this dialog is built, and a stick that holds one (every stick after
+// its first upload) would otherwise offer nothing to download.
+QStringList dlgDownLoad::findProjects(const QString& root)
 {
     QStringList projects;
-    const QStringList names = QDir(QStringLiteral("./")).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Time);
+    const QStringList names = QDir(root).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Time);
     for (const QString& name : names) {
         if (name == s_opxupdateuDir)
             continue;
         // A package made for both processor generations carries one tree per
         // generation; the ARMv5 tree is the one that tells whether it is complete.
-        const QString projectDir = QStringLiteral("./") + name;
+        const QString projectDir = root + QLatin1Char('/') + name;
         QString candidate = projectDir;
         if (QFileInfo(projectDir + QStringLiteral("/v5")).isDir())
             candidate = projectDir + QStringLiteral("/v5");
@@ -134,6 +135,17 @@ QStringList dlgDownLoad::findProjects()
             projects.append(name);
     }
     return projects;
+}
+
+void dlgDownLoad::listProjects()
+{
+    const QStringList projects = findProjects(packageRoot());
+    m_projectModel->setStringList(projects);
+    if (!projects.isEmpty()) {
+        ui->listView->setCurrentIndex(m_projectModel->index(0));
+        m_projectName = projects.first();
+    }
+    setWindowTitle(m_projectName);
 }
 
 void dlgDownLoad::setDirectMode(bool on)
@@ -161,6 +173,12 @@ void dlgDownLoad::selectProject(const QString& name)
 
 void dlgDownLoad::clickedStartBt()
 {
+    // The text pane lets button presses through while the sequence runs, and
+    // after a stop the start button is offered again before the running
+    // sequence has seen the stop: a press then must not start a second
+    // download inside the first.
+    if (m_loadState == 1)
+        return;
     runSequence();
 }
 
@@ -173,6 +191,11 @@ void dlgDownLoad::clickedStopBt()
 
 void dlgDownLoad::clickedReStartBt()
 {
+    // A reboot in the middle of the replacement would leave the panel with
+    // half a project; the button is offered again after a stop, before the
+    // copy has seen the stop.
+    if (m_replacing)
+        return;
     if (ui->btnRestart->text() == msg(2007))
         rebootOrReport();
     else
@@ -181,10 +204,24 @@ void dlgDownLoad::clickedReStartBt()
 
 void dlgDownLoad::rebootOrReport()
 {
-    if (platform::rebootPanel() != 0) {
-        const int error = errno;
-        QMessageBox::about(this, msg(2030), QString::fromLocal8Bit(std::strerror(error)));
+    if (platform::rebootPanel() == 0)
+        return;
+    const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+    if (!m_directMode) {
+        QMessageBox::about(this, msg(2030), reason);
+        return;
     }
+    // Nobody answers a box in an unattended run: it would wait forever. The
+    // report keeps the download's own outcome marker, since the project is in
+    // place, and gains the reboot's failure; the exit status tells the caller.
+    const QString line = msg(1010).arg(reason);
+    CLogger* logger = CLogger::GetInstance();
+    if (logger->reopen()) {
+        logger->write(line + QLatin1Char('\n'));
+        logger->close();
+    }
+    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
+    QCoreApplication::exit(kRebootFailedStatus);
 }
 
 void dlgDownLoad::onTimer()
@@ -262,6 +299,11 @@ void dlgDownLoad::showEvent(QShowEvent* event)
     if (m_directMode || m_resumeMode)
         m_startTimer->start(kStartDelayMs);
     QDialog::showEvent(event);
+}
+
+void dlgDownLoad::reject()
+{
+    close();
 }
 
 void dlgDownLoad::closeEvent(QCloseEvent* event)

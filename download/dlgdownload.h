@@ -1,8 +1,9 @@
 // The download dialog: the operator picks a project on the stick and watches
 // it being downloaded into the panel.
 //
-// The dialog lists the projects of the package root (the working directory),
-// shows every step of the download as a line in its text pane and offers three
+// The dialog lists the projects of the package root (the stick directory that
+// holds "opxupdateu"; the main window may have moved the working directory to
+// the stick's "opxbackup" by then), shows every step of the download as a line in its text pane and offers three
 // buttons: restart the panel, stop the download, start the download. The check
 // and copy routines it runs are those of ProjectDownload, which report back
 // through the channels implemented here. After a successful download a
@@ -37,8 +38,8 @@ class dlgDownLoad : public QDialog, public ProjectDownload
 
 public:
     // `dataDir` is the panel's project directory, `lanId` the language code
-    // handed on to the runtime updater. Lists the projects of the working
-    // directory and selects the newest one.
+    // handed on to the runtime updater. Lists the projects of the package root
+    // and selects the newest one.
     dlgDownLoad(const QString& dataDir, const QString& lanId, QWidget* parent = nullptr);
     ~dlgDownLoad() override;
 
@@ -51,7 +52,7 @@ public:
     // The package root the download works in: the stick directory that holds
     // "opxupdateu" and the projects. Unset, it is the parent of the
     // executable's own directory; a dialog run outside a package (the tests)
-    // names its own.
+    // names its own, and the project list is made again from it.
     void setPackageRoot(const QString& root);
     // True while the reboot countdown of a successful download runs.
     bool isCountingDown() const;
@@ -81,7 +82,8 @@ public slots:
     // Asks the running sequence to stop at its next check.
     void clickedStopBt();
     // Reboots the panel, or quits when the button has been turned into a quit
-    // button after an early failure.
+    // button after an early failure. Does nothing while the panel's project is
+    // being replaced.
     void clickedReStartBt();
     // One tick of the reboot countdown.
     void onTimer();
@@ -91,6 +93,8 @@ public slots:
 protected:
     void showEvent(QShowEvent* event) override;
     void closeEvent(QCloseEvent* event) override;
+    // Escape goes through the close rules like every other way of closing.
+    void reject() override;
 
 private:
     // The download sequence (downloadsequence.cpp).
@@ -105,11 +109,18 @@ private:
     // Ends the run with message `id` once the download has begun (title set to
     // the progress text): the title goes back to the project name.
     void failDownload(int id);
+    // True when a stop was requested; the run then ends here, before the next
+    // step writes on the panel (the stop button has told the operator).
+    bool endOnStop();
 
-    // Directories of the working directory that hold a project, newest first.
-    static QStringList findProjects();
+    // Directories of the package root `root` that hold a project, newest first.
+    static QStringList findProjects(const QString& root);
+    // Fills the list from the package root and selects the newest project.
+    void listProjects();
     void selectProject(const QString& name);
-    // Asks the platform to reboot; on failure tells the operator why.
+    // Asks the platform to reboot; on failure tells the operator why, or, in
+    // direct mode where nobody is there to read a box, the result report and
+    // standard error, and ends the process with a failure status.
     void rebootOrReport();
 
     int m_restartCount = 10;                   // seconds the countdown shows next
@@ -120,4 +131,5 @@ private:
     QScreen* m_screen = nullptr;               // the screen that decides the size class
     QStringListModel* m_projectModel = nullptr; // owned through the dialog
     QString m_packageRoot;                     // empty: found from the executable
+    bool m_replacing = false;                  // the run deletes, copies or clears on the panel
 };

@@ -21,6 +21,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QTimer>
 
@@ -61,6 +62,7 @@ constexpr DataArea kDataAreas[] = {
 void dlgDownLoad::setPackageRoot(const QString& root)
 {
     m_packageRoot = root;
+    listProjects();
 }
 
 QString dlgDownLoad::packageRoot() const
@@ -98,6 +100,16 @@ void dlgDownLoad::failDownload(int id)
     resetUpgrageUI(msg(id));
     setWindowTitle(m_projectName);
     updateFinish(false);
+}
+
+bool dlgDownLoad::endOnStop()
+{
+    if (!m_stop)
+        return false;
+    setWindowTitle(m_projectName);
+    setBntEnable(true, false, true);
+    updateFinish(false);
+    return true;
 }
 
 void dlgDownLoad::runSequence()
@@ -252,6 +264,10 @@ void dlgDownLoad::runSequence()
             return;
         }
 
+        // The updater writes on the panel: a stop asked for until now keeps it
+        // from starting.
+        if (endOnStop())
+            return;
         // The updater replaces the runtime in its own process and starts this
         // package again in resume mode. This run goes on with the project
         // regardless: the updater takes over the panel when it is ready.
@@ -287,7 +303,22 @@ void dlgDownLoad::runSequence()
         failDownload(2045);
         return;
     }
+
+    // The checks behind us let the stop button through without testing its
+    // flag. Every step from here on deletes or writes on the panel, so a stop
+    // is honoured before each of them and ends the run with the panel as it
+    // stands, instead of being taken for a failure of the step.
+    if (endOnStop())
+        return;
+    // No reboot from the dialog from the first deletion until the run has
+    // ended: the panel's files are being deleted, copied, checked and its data
+    // areas cleared. The flag is dropped however the run ends.
+    m_replacing = true;
+    const auto replaced = qScopeGuard([this] { m_replacing = false; });
+
     if (!checkUserFileArea()) {
+        if (endOnStop())
+            return;
         failDownload(2049);
         return;
     }
@@ -295,6 +326,8 @@ void dlgDownLoad::runSequence()
 
     // From here on a failure leaves the panel without a complete project:
     // whatever has been written is synced before the failure is told.
+    if (endOnStop())
+        return;
     if (!removeOldProjectFiles()) {
         sync();
         failDownload(2052);
@@ -302,6 +335,8 @@ void dlgDownLoad::runSequence()
     }
 
     setTextEditContent(msg(2053));
+    if (endOnStop())
+        return;
     if (!updateProjectFile()) {
         sync();
         failDownload(2055);
@@ -318,6 +353,8 @@ void dlgDownLoad::runSequence()
 
     // A data area that cannot be cleared is told but does not undo a
     // download that has already succeeded.
+    if (endOnStop())
+        return;
     for (const DataArea& area : kDataAreas) {
         if (!(this->*area.flag))
             continue;

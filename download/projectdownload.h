@@ -146,8 +146,9 @@ public:
     bool isDiskSpaceEnough();
 
     // The user file area test: clears the area when the project asks and there
-    // is room after clearing. False when the area is too small, its file system
-    // cannot be asked, or clearing fails (2048 reported); the caller reports 2049.
+    // is room after clearing, leaving it empty but present. False when the area
+    // is too small, its file system cannot be asked, clearing fails (2048
+    // reported; the caller reports 2049), or a stop came in before the clearing.
     bool checkUserFileArea();
 
     // --- Project replacement ------------------------------------------------

@@ -13,9 +13,12 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDesktopWidget>
+#include <QDir>
 #include <QFile>
 #include <QPushButton>
 #include <QShowEvent>
+
+#include <unistd.h>
 
 UDiskUpWin::UDiskUpWin(const QString& lanId, QWidget* parent)
     : QDialog(parent)
@@ -32,8 +35,8 @@ UDiskUpWin::UDiskUpWin(const QString& lanId, QWidget* parent)
     move((desktop.width() - width()) / 2, (desktop.height() - height()) / 2);
 
     // The upload writes into the stick's backup directory; without one the
-    // package stays where it was started.
-    changeWorkingDir(m_backupDir.toLocal8Bit().constData());
+    // package stays where it was started until an upload creates it.
+    m_inBackupDir = changeWorkingDir(m_backupDir.toLocal8Bit().constData());
 
     m_panelDir = QString::fromUtf8(Kavo_GetDirectory(3));
     m_backupFile = m_panelDir + QStringLiteral("/#BKCompreProj.bin");
@@ -71,6 +74,14 @@ void UDiskUpWin::showUpToNew()
 void UDiskUpWin::showUpToDisk()
 {
     setEnabled(false);
+    // A new stick has no backup directory yet. The upload's copy and its
+    // unpacked project both go into it, so it is made here, on the stick the
+    // package was started from, rather than failing the copy.
+    if (!m_inBackupDir) {
+        QDir().mkdir(m_backupDir);
+        sync();
+        m_inBackupDir = changeWorkingDir(m_backupDir.toLocal8Bit().constData());
+    }
     // A child of this window: it lives as long as the window does and enables
     // it again when it closes.
     auto* upload = new zeltUpDlg(this, m_backupFile);

@@ -28,7 +28,8 @@ class UDiskUpWin : public QDialog
 public:
     // Builds the window for the language `lanId` (handed on to the download
     // dialog): fixed size from the size table, centred, its texts from the
-    // text table. Makes "./opxbackup/" the working directory when it exists.
+    // text table. Makes "./opxbackup/" the working directory when it exists
+    // (an upload creates it when it does not).
     // The upload button is disabled when the panel has no project area or no
     // packed project "#BKCompreProj.bin" in it.
     explicit UDiskUpWin(const QString& lanId, QWidget* parent = nullptr);
@@ -51,7 +52,8 @@ public slots:
     // closes. Works once per window: the button is let go first.
     void showUpToNew();
     // Opens the upload dialog over this window, which it disables; the upload
-    // dialog gives it back when it closes.
+    // dialog gives it back when it closes. A stick without "opxbackup" gets
+    // one first, and it becomes the working directory.
     void showUpToDisk();
 
 protected:
@@ -63,6 +65,7 @@ private:
     // Where the upload writes on the stick, relative to where the package was
     // started.
     const QString m_backupDir = QStringLiteral("./opxbackup/");
+    bool m_inBackupDir = false; // the working directory is the backup directory
     // Two fields the window has always carried with these values; nothing in
     // the front end reads them.
     [[maybe_unused]] int m_winMode = 1;

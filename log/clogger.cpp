@@ -33,7 +33,20 @@ bool CLogger::open(const QString& path)
 
     // A report that cannot be opened is dropped, so every later call is skipped
     // and the download goes on without it.
+    m_path = path;
     auto file = std::make_unique<QFile>(path);
+    if (!file->open(QIODevice::ReadWrite))
+        return false;
+    m_file = std::move(file);
+    return true;
+}
+
+bool CLogger::reopen()
+{
+    close();
+    if (m_path.isEmpty() || !QFile::exists(m_path))
+        return false;
+    auto file = std::make_unique<QFile>(m_path);
     if (!file->open(QIODevice::ReadWrite))
         return false;
     m_file = std::move(file);

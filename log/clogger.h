@@ -34,6 +34,11 @@ public:
     // Flushes and ends the report. Harmless without a report.
     void close();
 
+    // Opens the report last opened again, to add to it after its end: the
+    // outcome of an unattended run can still gain a line once the run has
+    // ended. False when there was none or it cannot be opened.
+    bool reopen();
+
     bool isOpen() const;
 
 private:
@@ -41,4 +46,5 @@ private:
     ~CLogger();
 
     std::unique_ptr<QFile> m_file;
+    QString m_path; // of the last report opened
 };

@@ -122,6 +122,13 @@ void zeltUpDlg::appendLine(const QString& text)
     ui->textEdit->repaint();
 }
 
+void zeltUpDlg::reject()
+{
+    // QDialog's own reject only hides the dialog: the close rules below would
+    // be skipped and the main window left disabled behind nothing.
+    close();
+}
+
 void zeltUpDlg::closeEvent(QCloseEvent* event)
 {
     // The copy lets events through between chunks, a close request among

@@ -45,6 +45,8 @@ public slots:
 
 protected:
     void closeEvent(QCloseEvent* event) override;
+    // Escape closes like every other way, so the main window is given back.
+    void reject() override;
 
 private:
     // Appends a line to the text pane and shows it at once.

@@ -70,6 +70,7 @@ private slots:
     void touchSelectsProject();
     void buttonStates_data();
     void buttonStates();
+    void closeIgnoredWhileRunning_data();
     void closeIgnoredWhileRunning();
     void resumeCloseAsksAndReboots();
     void countdownAndRestart();
@@ -147,7 +148,10 @@ void TestDlgDownload::projectList()
         QCOMPARE(utimes(QFile::encodeName(parts[0]).constData(), times), 0);
     }
 
+    // The list is the package root's, wherever the working directory is.
+    QVERIFY(QDir::setCurrent(QDir::tempPath()));
     dlgDownLoad dialog(QStringLiteral("/usr/kavo_app/project"), QStringLiteral("0"));
+    dialog.setPackageRoot(m_stick->path());
     auto* list = child<QListView>(dialog, "listView");
     QStringList shown;
     for (int row = 0; row < list->model()->rowCount(); ++row)
@@ -164,6 +168,7 @@ void TestDlgDownload::touchSelectsProject()
 {
     populate({"first/context.dat", "second/context.dat"});
     dlgDownLoad dialog{QString(), QString()};
+    dialog.setPackageRoot(m_stick->path());
     auto* list = child<list_view>(dialog, "listView");
     auto* restart = child<QPushButton>(dialog, "btnRestart");
     restart->setText(msg(2010));
@@ -216,8 +221,16 @@ void TestDlgDownload::buttonStates()
     QCOMPARE(paneLines(dialog).last(), lastLine);
 }
 
+void TestDlgDownload::closeIgnoredWhileRunning_data()
+{
+    QTest::addColumn<bool>("escape"); // closed with the Escape key, else through close()
+    QTest::newRow("close") << false;
+    QTest::newRow("escape") << true;
+}
+
 void TestDlgDownload::closeIgnoredWhileRunning()
 {
+    QFETCH(bool, escape);
     dlgDownLoad dialog{QString(), QString()};
     dialog.show();
     QVERIFY(QTest::qWaitForWindowExposed(&dialog));
@@ -229,14 +242,20 @@ void TestDlgDownload::closeIgnoredWhileRunning()
     QVERIFY(background != nullptr);
     QVERIFY(background->isVisible());
     QVERIFY(!background->isEnabled());
+    const auto closeIt = [&] {
+        if (escape)
+            QTest::keyClick(&dialog, Qt::Key_Escape);
+        else
+            dialog.close();
+    };
 
     dialog.m_loadState = 1;
-    QVERIFY(!dialog.close());
+    closeIt();
     QVERIFY(dialog.isVisible());
     QVERIFY(background->isVisible());
 
     dialog.m_loadState = 2;
-    QVERIFY(dialog.close());
+    closeIt();
     QVERIFY(!dialog.isVisible());
     QVERIFY(!background->isVisible());
 }

@@ -6,6 +6,7 @@
 #include "frontend/dlgupnote.h"
 #include "frontend/pwdentrydialog.h"
 #include "frontend/udiskupwin.h"
+#include "dialogprobe.h"
 #include "testenv.h"
 #include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
@@ -20,6 +21,7 @@
 #include <QFile>
 #include <QLabel>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSet>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -174,7 +176,7 @@ void tst_frontend::mainWindow()
     makePanel(panel);
     makeStick();
     const QString backupDir = m_stick->path() + QStringLiteral("/opxbackup");
-    QVERIFY(!withBackup || QDir().mkpath(backupDir));
+    QVERIFY(withBackup || QDir(backupDir).removeRecursively());
     useScreen(deviceWidth);
 
     UDiskUpWin window(QStringLiteral("0007"));
@@ -196,6 +198,12 @@ void tst_frontend::uploadOverDisabledWindow()
 {
     makePanel();
     makeStick();
+    // A stick that has never taken an upload; the panel writes to it as to
+    // the stick the package runs from.
+    const QString backupDir = m_stick->path() + QStringLiteral("/opxbackup");
+    QVERIFY(QDir(backupDir).removeRecursively());
+    qputenv("KAVO_UDISK_ROOT", QFile::encodeName(m_stick->path()));
+    const auto unset = qScopeGuard([] { qunsetenv("KAVO_UDISK_ROOT"); });
     UDiskUpWin window(QStringLiteral("0000"));
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
@@ -206,10 +214,19 @@ void tst_frontend::uploadOverDisabledWindow()
     QVERIFY(!window.isEnabled());
     const QList<zeltUpDlg*> uploads = window.findChildren<zeltUpDlg*>();
     QCOMPARE(uploads.size(), 1);
-    QVERIFY(uploads.first()->isVisible());
-    QVERIFY(!uploads.first()->isModal());
+    zeltUpDlg* upload = uploads.first();
+    QVERIFY(upload->isVisible());
+    QVERIFY(!upload->isModal());
 
-    uploads.first()->close();
+    // The backup directory is made for the upload, which lands in it.
+    upload->findChild<QPushButton*>(QStringLiteral("startup_bt"))->click();
+    QCOMPARE(testenv::paneLines(*upload).last(), msg(2098).arg(upload->targetName()));
+    QCOMPARE(QDir(backupDir).entryList(QDir::Files | QDir::Hidden), QStringList{upload->targetName()});
+    QCOMPARE(QDir::currentPath(), backupDir);
+
+    // Escape closes through the dialog's own rules and gives the window back.
+    QTest::keyClick(upload, Qt::Key_Escape);
+    QVERIFY(!upload->isVisible());
     QVERIFY(window.isEnabled());
     window.close();
 }

@@ -1,7 +1,8 @@
 // The interactive session through the real executable, on an X server of the
 // test's own and driven by mouse clicks as an operator works the panel: start
 // note, password, runtime stop, main window, download dialog, the download, the
-// reboot countdown and the simulated reboot.
+// reboot countdown and the simulated reboot; on the way, an upload dialog left
+// with Escape.
 //
 // The executable's widgets have no native windows, so the X server knows only
 // where each dialog is. Where a button lies inside its dialog is taken from the
@@ -156,6 +157,22 @@ public:
         return xdotool(QStringLiteral("mousemove --sync %1 %2 click 1").arg(point.x()).arg(point.y()));
     }
 
+    // Presses the key `name` in the window titled `title`. Without a window
+    // manager nothing gives a window the keyboard but the program itself, so
+    // the window is given the input focus first, as a manager would on a touch.
+    bool key(const QString& title, const QString& name) const
+    {
+        QByteArray ids;
+        xdotool(QStringLiteral("search --onlyvisible --name .*"), &ids);
+        for (const QByteArray& id : ids.simplified().split(' ')) {
+            QByteArray answer;
+            if (!id.isEmpty() && xdotool(QStringLiteral("getwindowname %1").arg(QLatin1String(id)), &answer)
+                && QString::fromUtf8(answer.trimmed()) == title)
+                return xdotool(QStringLiteral("windowfocus --sync %1 key --delay 0 --window %1 %2").arg(QLatin1String(id), name));
+        }
+        return false;
+    }
+
 private:
     QProcess m_server;
     QString m_name;
@@ -166,7 +183,7 @@ private:
 struct Layout
 {
     QSize note, password, mainWindow, downloadDialog;
-    QPoint yes, download, firstProject, start;
+    QPoint yes, download, upload, firstProject, start;
     QMap<char, QPoint> keys;
 };
 
@@ -207,9 +224,11 @@ Layout measure(const QString& stickRoot)
     UDiskUpWin mainWindow(QStringLiteral("0000"));
     layout.mainWindow = shown(mainWindow);
     layout.download = centreOf(mainWindow, QStringLiteral("btnProUpToNew"));
+    layout.upload = centreOf(mainWindow, QStringLiteral("btnUpToUdisk"));
     mainWindow.close();
 
     dlgDownLoad dialog(QString::fromUtf8(Kavo_GetDirectory(3)), QStringLiteral("0000"));
+    dialog.setPackageRoot(stickRoot);
     layout.downloadDialog = shown(dialog);
     auto* list = dialog.findChild<QListView*>(QStringLiteral("listView"));
     if (list == nullptr || list->model()->rowCount() != 1)
@@ -267,7 +286,9 @@ void tst_interactive::downloadByHand()
     QVERIFY(kit::makePanel(panel.root(), panelSpec));
     kit::PackageSpec package;
     package.executable = qEnvironmentVariable("OPX_EXECUTABLE");
+    // The stick has its "opxbackup" as every stick after an upload does.
     QVERIFY(kit::writePackage(stick.path(), package));
+    QVERIFY(QFileInfo(stick.path() + QStringLiteral("/opxbackup")).isDir());
     const kit::ProjectSpec project;
     QVERIFY(kit::writeProject(stick.path(), project));
 
@@ -333,6 +354,19 @@ void tst_interactive::downloadByHand()
     QVERIFY2(waitUntil([&runtime] { return runtime.state() == QProcess::NotRunning; }), "runtime not stopped");
     QCOMPARE(runtime.exitStatus(), QProcess::CrashExit);
     QCOMPARE(runtime.exitCode(), int(SIGTERM));
+    // Every window's backdrop covers the whole screen, also without a window
+    // manager to carry out its full-screen state.
+    const QList<QRect> backdrops = display.windows(QStringLiteral("MainWindow"));
+    QVERIFY(!backdrops.isEmpty());
+    for (const QRect& backdrop : backdrops)
+        QCOMPARE(backdrop, QRect(0, 0, kScreenWidth, 768));
+
+    // The upload dialog, left with Escape, gives the main window back.
+    QVERIFY(display.click(mainWindow.topLeft() + layout.upload));
+    const QRect upload = display.waitForWindow(msg(2104), running);
+    QVERIFY2(!upload.isNull(), qPrintable(stage("upload dialog not shown")));
+    QVERIFY(display.key(msg(2104), QStringLiteral("Escape")));
+    QVERIFY2(display.waitUntilGone(msg(2104)), qPrintable(stage("upload dialog not closed by Escape")));
 
     QVERIFY(display.click(mainWindow.topLeft() + layout.download));
     const QRect download = display.waitForWindow(project.name, running);

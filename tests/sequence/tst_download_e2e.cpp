@@ -38,6 +38,7 @@ struct Scenario
     // removes the entry, and "DIR/*" removes everything below DIR.
     Tree changes;
     QStringList untouched;    // panel files that keep their inode and time stamp
+    int exitCode = 0;
 };
 
 // The report up to the announcement of a step, on a run that passes all before.
@@ -214,6 +215,21 @@ void tst_download_e2e::download_data()
             s.changes = replaced(s.project);
             s.changes.insert({{"data/userfile/*", {}}, {"data/userfile/new.txt", "a new user file\n"}});
         });
+    // Cleared and not refilled, the user file area is still there for the
+    // runtime and the next download.
+    row("user area cleared, no user files", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
+        [](Scenario& s) {
+            s.project.clearUserDir = true;
+            s.changes = replaced(s.project);
+            s.changes.insert("data/userfile/*", {});
+        });
+    // Nobody is there to answer a box: the report and the exit status tell.
+    row("reboot fails", downloaded(kToDisk + kToCopy + kCopied) << QStringLiteral("系统重启失败!Input/output error"),
+        [](Scenario& s) {
+            s.env = QStringList{"KAVO_SIM_REBOOT_ERRNO=5"};
+            s.changes = replaced(s.project);
+            s.exitCode = 1;
+        });
 
     // Failures before anything on the panel changes.
     row("no C library", packageFailure(2012), [](Scenario& s) { s.edits.insert("lib/libc.so.6", {}); });
@@ -378,17 +394,18 @@ void tst_download_e2e::download()
     }
     QVERIFY2(process.waitForFinished(60000), "the run did not end");
     const qint64 elapsed = clock.elapsed();
-    const bool success = scenario.lines.last() == msg(2059) + '\n';
+    const bool success = scenario.lines.contains(msg(2059) + '\n');
+    const bool rebooted = success && scenario.exitCode == 0;
     QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(process.exitCode(), 0);
+    QCOMPARE(process.exitCode(), scenario.exitCode);
     QCOMPARE(QString::fromUtf8(testenv::readFile(report)),
              msg(success ? 2106 : 2107) + scenario.lines.join('\n') + '\n');
 
     // A successful download ends in the reboot after the ten-second countdown;
     // a failed one ends the process with no reboot.
     const QByteArray rebootRecord = testenv::readFile(panel + "/var/run/reboot-requested");
-    QCOMPARE(rebootRecord, success ? QByteArray("reboot\n") : QByteArray());
-    QCOMPARE(rebootRecord.isNull(), !success);
+    QCOMPARE(rebootRecord, rebooted ? QByteArray("reboot\n") : QByteArray());
+    QCOMPARE(rebootRecord.isNull(), !rebooted);
     QVERIFY2(!success || elapsed >= 10000, qPrintable(QString::number(elapsed)));
 
     const Tree expected = applied(before, scenario.changes);

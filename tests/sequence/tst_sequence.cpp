@@ -1,6 +1,6 @@
 // The download sequence in process, where the operator has a say: the runtime
 // update questions and what each answer leads to, the hand-over to the runtime
-// updater, the stop button during the copy, and scrambled descriptions read
+// updater, the stop, start and restart buttons while the sequence runs, and scrambled descriptions read
 // one after the other.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
@@ -58,7 +58,8 @@ private slots:
     void cleanup();
     void runtimeQuestions_data();
     void runtimeQuestions();
-    void stopDuringCopy();
+    void stopMidway_data();
+    void stopMidway();
     void scrambledDescriptionsInTurn();
 
 private:
@@ -202,32 +203,71 @@ void tst_sequence::runtimeQuestions()
     }
 }
 
-void tst_sequence::stopDuringCopy()
+void tst_sequence::stopMidway_data()
 {
+    QTest::addColumn<QString>("when");      // "disk check": at line 2044; "copy": once the first file has begun
+    QTest::addColumn<QStringList>("presses"); // buttons pressed then, in one go
+    QTest::addColumn<QStringList>("tail");    // the pane after the version check
+
+    const QStringList toDisk = texts({2022, 2028, 2035, 2039, 2044});
+    // Nothing has been deleted yet: the run ends where it is.
+    QTest::newRow("stop during the disk check") << "disk check" << QStringList{"btnStop"} << toDisk + texts({2060});
+    QTest::newRow("stop, then start during the disk check")
+        << "disk check" << QStringList{"btnStop", "btnStart"} << toDisk + texts({2060});
+    // The copy sees the stop within its block; neither the restart nor the
+    // start pressed meanwhile may start anything.
+    QTest::newRow("restart, stop, start during the copy")
+        << "copy" << QStringList{"btnRestart", "btnStop", "btnRestart", "btnStart"}
+        << toDisk + texts({2046, 2047, 2050, 2051, 2053, 2060, 2055});
+}
+
+void tst_sequence::stopMidway()
+{
+    QFETCH(QString, when);
+    QFETCH(QStringList, presses);
+    QFETCH(QStringList, tail);
     kit::ProjectSpec project;
+    project.clearUserDir = true;
     project.files.prepend(kit::PackageFile{"large.bin", QByteArray(16 << 20, 'x'), "/usr/kavo_app/project"});
     std::unique_ptr<dlgDownLoad> dialog = prepare(project);
     QVERIFY(dialog);
+    const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
+    const QString large = m_panel->path("/usr/kavo_app/project/large.bin");
 
     auto* stop = dialog->findChild<QPushButton*>(QStringLiteral("btnStop"));
+    bool pressed = false;
     QTimer press;
     connect(&press, &QTimer::timeout, [&] {
-        if (paneText(*dialog).endsWith(msg(2053)) && stop->isEnabled()) {
-            press.stop();
-            stop->click();
-        }
+        const bool now = when == QLatin1String("copy") ? QFileInfo(large).size() > 0
+                                                       : paneText(*dialog).endsWith(msg(2044));
+        if (!now || pressed)
+            return;
+        pressed = true;
+        // click() works on disabled buttons too: what a button does when it
+        // can be pressed is the sequence's business, not the button state's.
+        for (const QString& name : presses)
+            QMetaObject::invokeMethod(dialog->findChild<QPushButton*>(name), "clicked");
     });
-    press.start(1);
+    press.start(0);
+    testenv::BoxAnswerer answerer;
     dialog->clickedStartBt();
+    press.stop();
 
-    QCOMPARE(paneText(*dialog),
-             (texts(kToRuntimeChecked) + texts({2022, 2028, 2035, 2039, 2044, 2050, 2051, 2053, 2060, 2055})).join('\n'));
+    QVERIFY(pressed);
+    QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
+    // No reboot was tried: it would have told its failure in a box.
+    QCOMPARE(answerer.seen().size(), 0);
     QCOMPARE(dialog->windowTitle(), QStringLiteral("proj"));
     QVERIFY(dialog->findChild<QPushButton*>(QStringLiteral("btnStart"))->isEnabled());
     QVERIFY(!stop->isEnabled());
-    // The copy ended inside the first file: nothing after it was written.
-    QVERIFY(!QFile::exists(m_panel->path("/usr/kavo_app/project/context.dat")));
-    QVERIFY(QFileInfo(m_panel->path("/usr/kavo_app/project/large.bin")).size() < (16 << 20));
+    if (when == QLatin1String("copy")) {
+        // The copy ended inside the first file: nothing after it was written.
+        QVERIFY(!QFile::exists(m_panel->path("/usr/kavo_app/project/context.dat")));
+        QVERIFY(QFileInfo(large).size() < (16 << 20));
+    } else {
+        // Neither the user file area nor the old project was touched.
+        QCOMPARE(panelFiles(m_panel->root()), before);
+    }
 }
 
 void tst_sequence::scrambledDescriptionsInTurn()

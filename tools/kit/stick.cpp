@@ -184,6 +184,9 @@ bool writePackage(const QString& stickRoot, const PackageSpec& spec)
 {
     const QString package = stickRoot + QStringLiteral("/opxupdateu");
     bool ok = QDir().mkpath(package + QStringLiteral("/language"));
+    // Uploads land in "opxbackup"; a stick has it from the start, as a stick
+    // that has been used for an upload has it.
+    ok = QDir().mkpath(stickRoot + QStringLiteral("/opxbackup")) && ok;
     if (!spec.executable.isEmpty())
         ok = copyExecutable(spec.executable, package + QStringLiteral("/opxupdateu_proj.bin")) && ok;
     if (!spec.helper.isEmpty())

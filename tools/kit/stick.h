@@ -97,7 +97,7 @@ struct PackageSpec
 
 // Writes "opxupdateu/" into `stickRoot`: the executable, the updater, the
 // "language/" directory, "config/proUpdateSet.ini" and the scrambled
-// "config/proUpdate.ini".
+// "config/proUpdate.ini"; and the empty "opxbackup/" where uploads go.
 bool writePackage(const QString& stickRoot, const PackageSpec& spec);
 
 } // namespace kit
