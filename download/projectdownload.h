@@ -81,7 +81,8 @@ public:
     bool projectIniNodeExist(QSettings* settings);
 
     // Reads the project description at `path` and the package's version.ini:
-    // file list, hardware needs, clear flags, package product. False on a stop
+    // file list (one entry per FILE group the description holds, up to its
+    // FILENUM), hardware needs, clear flags, package product. False on a stop
     // request or after reporting a platform mismatch (2015), no files (2016)
     // or an empty product (2023).
     bool parseIniFile(const QString& path);
