@@ -113,7 +113,8 @@ public:
     bool checkHardware(int& errorCode);
 
     // Parses a dotted version ("7.2.1", "7.2.1.3") into `version`; fields
-    // without a text keep their values.
+    // without a text keep their values. Each part is read as the panel's
+    // 32-bit strtol reads it, so an oversized part stops at the int32 limit.
     void formatVersion(char* text, stVersionInfo& version);
 
     // The project/runtime version rule. False after reporting 2036, 2037 or
