@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QSettings>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -21,13 +22,24 @@ namespace {
 
 constexpr int64_t kMiB = 1 << 20;
 
+// A number in a package file, read as the panel reads it: strtol rules
+// (leading blanks and a sign, digits up to the first other character, none
+// gives 0) in the panel's 32-bit C library, where long is 32 bits and a value
+// beyond it stops at the limit. Packages are made for that reading, so every
+// build reads them so, whatever the width of its own long.
+int32_t panelNumber(const char* text)
+{
+    const long long value = std::strtoll(text, nullptr, 10);
+    return static_cast<int32_t>(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
+}
+
 // Reads one version component of at most `length` characters. The component
 // goes through a 12-byte scratch area, so only its first 11 characters count.
 int32_t versionComponent(const char* start, size_t length)
 {
     char scratch[12] = {};
     std::memcpy(scratch, start, length < sizeof(scratch) - 1 ? length : sizeof(scratch) - 1);
-    return static_cast<int32_t>(std::strtol(scratch, nullptr, 10));
+    return panelNumber(scratch);
 }
 
 } // namespace
@@ -81,9 +93,10 @@ bool ProjectDownload::checkHardware(int& errorCode)
             return false;
         }
         const uint64_t total = static_cast<uint64_t>(fs.f_frsize) * static_cast<uint64_t>(fs.f_blocks);
-        const int64_t capacity = m_diskCapacity.toLongLong();
-        if (capacity > 0
-            && (capacity > INT64_MAX / kMiB || total < static_cast<uint64_t>(capacity * kMiB))) {
+        // "64MB" asks for 64 MiB, as the panel reads it; the largest reading,
+        // 2^31 - 1 MiB, still fits the 64-bit byte count.
+        const int64_t capacity = panelNumber(m_diskCapacity.toUtf8().constData());
+        if (capacity > 0 && total < static_cast<uint64_t>(capacity * kMiB)) {
             errorCode = -1;
             return false;
         }

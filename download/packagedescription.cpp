@@ -9,6 +9,7 @@
 #include <QByteArray>
 #include <QSettings>
 
+#include <algorithm>
 #include <cstring>
 #include <unistd.h>
 
@@ -60,6 +61,28 @@ bool flagSet(const QSettings& ini, const char* key)
     return ini.value(QLatin1String(key)).toInt() != 0;
 }
 
+// The numbers i from 1 to `count` for which the description holds a group
+// "FILE" + i, in numeric order. The count is only a number in the file: a file
+// group the description does not hold would give an entry without a name,
+// which the checks and the copy pass over anyway. Walking the groups that are
+// there keeps the work in proportion to the file, whatever count it names.
+QVector<int> fileGroupNumbers(const QSettings& ini, int count)
+{
+    const QString prefix = QStringLiteral("FILE");
+    QVector<int> numbers;
+    for (const QString& group : ini.childGroups()) {
+        if (!group.startsWith(prefix))
+            continue;
+        bool ok = false;
+        const int i = group.midRef(prefix.size()).toInt(&ok, 10);
+        // Only the plain decimal spelling names the group of file i.
+        if (ok && i >= 1 && i <= count && group == prefix + QString::number(i))
+            numbers.append(i);
+    }
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
 } // namespace
 
 bool ProjectDownload::projectIniNodeExist(QSettings* settings)
@@ -84,7 +107,10 @@ bool ProjectDownload::parseIniFile(const QString& path)
     }
 
     m_diskCapacity = ini.value(QStringLiteral("/hardware/disk_capacity")).toString().trimmed();
+    // "platform=" reads as one empty entry, and "platform=10," ends in one: an
+    // empty entry names no platform, and a list of none restricts none.
     m_platformList = ini.value(QStringLiteral("/hardware/platform")).toStringList();
+    m_platformList.removeAll(QString());
     m_cpuCore = ini.value(QStringLiteral("/hardware/cpu_core")).toString().trimmed();
 
     const int fileCount = ini.value(s_fileNumNode).toInt();
@@ -95,7 +121,7 @@ bool ProjectDownload::parseIniFile(const QString& path)
     }
 
     const QString sourceDir = packagePrefix();
-    for (int i = 1; i <= fileCount; ++i) {
+    for (const int i : fileGroupNumbers(ini, fileCount)) {
         if (m_stop)
             return false;
         const QString group = QStringLiteral("/FILE") + QString::number(i);

@@ -81,7 +81,8 @@ public:
     bool projectIniNodeExist(QSettings* settings);
 
     // Reads the project description at `path` and the package's version.ini:
-    // file list, hardware needs, clear flags, package product. False on a stop
+    // file list (one entry per FILE group the description holds, up to its
+    // FILENUM), hardware needs, clear flags, package product. False on a stop
     // request or after reporting a platform mismatch (2015), no files (2016)
     // or an empty product (2023).
     bool parseIniFile(const QString& path);
@@ -112,7 +113,8 @@ public:
     bool checkHardware(int& errorCode);
 
     // Parses a dotted version ("7.2.1", "7.2.1.3") into `version`; fields
-    // without a text keep their values.
+    // without a text keep their values. Each part is read as the panel's
+    // 32-bit strtol reads it, so an oversized part stops at the int32 limit.
     void formatVersion(char* text, stVersionInfo& version);
 
     // The project/runtime version rule. False after reporting 2036, 2037 or

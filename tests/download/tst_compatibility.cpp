@@ -142,6 +142,7 @@ void tst_Compatibility::checkHardware_data()
     row("capacity one MiB more", "TOTAL+1", any, "") << -1;
     row("capacity beyond any disk", "99999999999999", any, "") << -1;
     row("capacity not a number", "lots", any, "") << 1;
+    row("capacity with a unit reads its digits", "99999999MB", any, "") << -1;
     row("statfs fails", "1", any, "", "KavoPro", true) << 0;
     row("platform listed", "", {"5", "10"}, "") << 1;
     row("platform not listed", "", {"5", "100"}, "") << -2;
@@ -198,6 +199,9 @@ void tst_Compatibility::formatVersion_data()
     QTest::newRow("no dot sets nothing") << QByteArray("7") << true << "9.9.9";
     QTest::newRow("blanks, signs, trailing letters") << QByteArray(" 7a. +2b.-1rc") << false << "7.2.-1";
     QTest::newRow("11 characters read") << QByteArray("00000000007.00000000008.00000000009") << false << "7.8.9";
+    // Read as on the panel, whose 32-bit strtol stops at its limits.
+    QTest::newRow("oversized parts saturate") << QByteArray("99999999999.-9999999999.4294967297") << false
+                                              << "2147483647.-2147483648.2147483647";
     QTest::newRow("12th character cut") << QByteArray("000000000007.000000000008.000000000009") << true << "0.0.0";
 }
 

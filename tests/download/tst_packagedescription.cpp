@@ -195,33 +195,58 @@ void tst_PackageDescription::fileFields_data()
 {
     QTest::addColumn<QString>("variant");
     QTest::addColumn<QString>("product");
-    QTest::newRow("no variant, no version.ini") << QString() << QString("KavoPro");
-    QTest::newRow("v7 variant, own product") << QString("v7/") << QString("KavoStu");
+    QTest::addColumn<QByteArray>("platform");    // the [hardware] platform value
+    QTest::addColumn<QStringList>("platforms");  // as the hardware check sees it
+    QTest::addColumn<QByteArray>("fileNum");
+    QTest::addColumn<QByteArray>("moreGroups");  // after FILE1 and FILE2
+    QTest::addColumn<QStringList>("moreNames");  // entries after the first two
+
+    const QStringList both({"5", "10"});
+    const QByteArray two("2");
+    QTest::newRow("no variant, no version.ini") << QString() << QString("KavoPro") << QByteArray("5,10") << both << two
+                                                << QByteArray() << QStringList();
+    QTest::newRow("v7 variant, own product") << QString("v7/") << QString("KavoStu") << QByteArray("5,10") << both
+                                             << two << QByteArray() << QStringList();
+    QTest::newRow("empty platform list") << QString() << QString("KavoPro") << QByteArray() << QStringList() << two
+                                         << QByteArray() << QStringList();
+    QTest::newRow("empty platform entries dropped") << QString() << QString("KavoPro") << QByteArray(",10,")
+                                                    << QStringList("10") << two << QByteArray() << QStringList();
+    // Only groups named FILE and a count without leading zeros are files.
+    QTest::newRow("count far beyond the groups")
+        << QString() << QString("KavoPro") << QByteArray("5,10") << both << QByteArray("2147483647")
+        << QByteArray("[FILE10]\nNAME=ten\n[FILE03]\nNAME=zero-led\n[FILE9]\nNAME=nine\n[FILE0]\nNAME=zero\n"
+                      "[FILE4x]\nNAME=letter\n[file5]\nNAME=lower\n")
+        << QStringList({"nine", "ten"});
 }
 
 void tst_PackageDescription::fileFields()
 {
     QFETCH(QString, variant);
     QFETCH(QString, product); // the package's product; KavoPro without a version.ini
+    QFETCH(QByteArray, platform);
+    QFETCH(QStringList, platforms);
+    QFETCH(QByteArray, fileNum);
+    QFETCH(QByteArray, moreGroups);
+    QFETCH(QStringList, moreNames);
     m_download->m_variantDir = variant;
     if (product != "KavoPro")
         QVERIFY(testenv::writeFile("proj/" + variant + "version.ini", "[version]\nproduct=" + product.toUtf8() + "\n"));
-    writeProject("[GLOBAL]\nOPXPlatform=\" 10 \"\nOPXName=KP\nVERSION=1\nFILENUM=2\n"
-                 "[hardware]\ndisk_capacity= 64 \nplatform=5,10\ncpu_core=\" 2 \"\n"
+    writeProject("[GLOBAL]\nOPXPlatform=\" 10 \"\nOPXName=KP\nVERSION=1\nFILENUM=" + fileNum + "\n"
+                 "[hardware]\ndisk_capacity= 64 \nplatform=" + platform + "\ncpu_core=\" 2 \"\n"
                  "[FILE1]\nNAME=配方 1.dat\nCRC=a1b2c3d4\nSIZE=4294967295\nDESPATH=/usr/kavo_app/project\n"
                  "[FILE2]\nNAME=DownLoadFile/u.txt\nCRC=\nSIZE=12\nDESPATH=/data/userfile/\n"
-                 "[DOWNLOAD]\nCLEARRECIPE=1\nCLEARHISTORY=0\nCLEARALARM=-1\nCLEARUSERDIR=2\n",
+                 + moreGroups + "[DOWNLOAD]\nCLEARRECIPE=1\nCLEARHISTORY=0\nCLEARALARM=-1\nCLEARUSERDIR=2\n",
                  variant);
 
     QVERIFY(parse());
     QVERIFY(m_download->events.isEmpty());
     QCOMPARE(m_download->m_diskCapacity, QString("64"));
-    QCOMPARE(m_download->m_platformList, QStringList({"5", "10"}));
+    QCOMPARE(m_download->m_platformList, platforms);
     QCOMPARE(m_download->m_cpuCore, QString("2"));
     QCOMPARE(m_download->m_packageProduct, product);
 
     const QVector<FILE_INFO>& files = m_download->m_fileList;
-    QCOMPARE(files.size(), 2);
+    QCOMPARE(files.size(), 2 + moreNames.size());
     QCOMPARE(files[0].fileName, QString("配方 1.dat"));
     QCOMPARE(files[0].crc, QString("A1B2C3D4"));
     QCOMPARE(files[0].size, 4294967295u);
@@ -230,6 +255,8 @@ void tst_PackageDescription::fileFields()
     QCOMPARE(files[1].crc, QString());
     QCOMPARE(files[1].size, 12u);
     QCOMPARE(files[1].desPath, m_panel->path("/data/userfile//"));
+    for (int i = 0; i < moreNames.size(); ++i)
+        QCOMPARE(files[2 + i].fileName, moreNames.at(i));
     for (const FILE_INFO& file : files)
         QCOMPARE(file.srcPath, "./proj/" + variant);
 

@@ -271,6 +271,17 @@ void tst_download_e2e::download_data()
     row("hardware: platform not listed", hardware(-2),
         [](Scenario& s) { s.project.hardwarePlatforms = QStringList{"5", "7"}; });
     row("hardware: too few cores", hardware(-3), [](Scenario& s) { s.project.cpuCore = "4096"; });
+    // "platform=" names no platform, so it restricts none.
+    row("hardware: empty platform list", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
+        s.project.hardwarePlatforms = QStringList{QString()};
+        s.changes = replaced(s.project);
+    });
+    // Only the groups the description holds are files, whatever count it names.
+    row("description: file count far beyond its groups", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
+        s.edits.insert("stick/proj/project.ini",
+                       kit::projectIniText(s.project).replace("FILENUM=2\n", "FILENUM=2147483647\n"));
+        s.changes = replaced(s.project);
+    });
     // An unattended download never offers the runtime update.
     row("installed runtime damaged", texts(kToRuntime) << msg(2115), [](Scenario& s) {
         s.project.withRuntime = true;
