@@ -109,7 +109,7 @@ bool ProjectDownload::checkHardware(int& errorCode)
 
     if (m_cpuCore.isEmpty() && m_packageProduct == cpuCountChectProduct)
         m_cpuCore = QStringLiteral("4");
-    if (!m_cpuCore.isEmpty() && get_nprocs() < m_cpuCore.toInt()) {
+    if (!m_cpuCore.isEmpty() && get_nprocs() < panelNumber(m_cpuCore.toUtf8().constData())) {
         errorCode = -3;
         return false;
     }

@@ -148,6 +148,7 @@ void tst_Compatibility::checkHardware_data()
     row("platform not listed", "", {"5", "100"}, "") << -2;
     row("cores of this machine", "", any, "N") << 1;
     row("one core more", "", any, "N+1") << -3;
+    row("cores with a unit read their digits", "", any, "4096 cores") << -3;
     // KavoStu asks for 4 cores when the project names none: a 2-core machine fails.
     row("KavoStu needs 4 cores", "", any, "", "KavoStu") << (get_nprocs() < 4 ? -3 : 1);
     row("KavoStu with its own count", "", any, "1", "KavoStu") << 1;
