@@ -4,14 +4,38 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr unsigned char kScrambleKey = 0x6B;
 constexpr std::streamsize kChunkSize = 255;
+
+bool writeAll(int fd, const char* data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+// Drops what a failed conversion wrote: it is clear text all the same.
+void discardWritten(int fd)
+{
+    while (::ftruncate(fd, 0) != 0 && errno == EINTR)
+        continue;
+}
 
 } // namespace
 
@@ -30,8 +54,14 @@ unsigned char QSettingsFactory::encryptByte(unsigned char b)
 bool QSettingsFactory::decryptFile(const QString& source, const QString& target, CRYPT_TYPE type)
 {
     std::ifstream in(source.toUtf8().constData(), std::ios::in | std::ios::binary);
-    std::ofstream out(target.toUtf8().constData(), std::ios::out | std::ios::binary | std::ios::trunc);
-    if (!in.is_open() || !out.is_open())
+    if (!in.is_open())
+        return false;
+    // The clear copies have fixed names in the panel's /tmp, where anybody may
+    // plant a link. Following one would put the clear text wherever the link
+    // points (or overwrite that file): a link at the target's own path makes
+    // the open fail instead, before anything is truncated.
+    const int out = ::open(target.toUtf8().constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (out < 0)
         return false;
 
     in.seekg(0, std::ios::end);
@@ -64,7 +94,13 @@ bool QSettingsFactory::decryptFile(const QString& source, const QString& target,
         }
         firstChunk = false;
 
-        out.write(buffer, chunk);
+        // A clear copy that could not be written whole would be read as a
+        // shorter description: it fails, and is left empty as a refused one.
+        if (!writeAll(out, buffer, static_cast<size_t>(chunk))) {
+            discardWritten(out);
+            result = false;
+            break;
+        }
 
         remaining -= kChunkSize;
         if (remaining > kChunkSize)
@@ -76,7 +112,7 @@ bool QSettingsFactory::decryptFile(const QString& source, const QString& target,
     }
 
     in.close();
-    out.close();
+    ::close(out);
     // The clear copy is opened by the INI reader right after this.
     ::sync();
     return result;
@@ -117,8 +153,12 @@ FreshCopy::FreshCopy(const QString& path)
         m_path = copy;
 }
 
+// A clear copy left on the panel would give away what the scrambling hides:
+// once read, both the private copy and the clear copy it came from go.
 FreshCopy::~FreshCopy()
 {
     if (m_path != m_original)
         QFile::remove(m_path);
+    QFile::remove(m_original);
+    ::sync();
 }

@@ -17,9 +17,11 @@ class QSettingsFactory
 {
 public:
     // Writes the clear form of `source` to `target` (truncated). False when a
-    // file cannot be opened or, for an even `type`, the first chunk's fourth
-    // clear byte is not "#" (the target is then left empty). A short read ends
-    // the conversion with true.
+    // file cannot be opened or written or, for an even `type`, the first
+    // chunk's fourth clear byte is not "#" (the target is then left empty). A
+    // short read ends the conversion with true. A link standing at `target` is
+    // not followed: the conversion then fails and the link's file is untouched.
+    // A missing source leaves `target` as it was.
     static bool decryptFile(const QString& source, const QString& target, CRYPT_TYPE type);
 
     // Writes the scrambled form of `source` to `target`: the inverse transform.
@@ -29,7 +31,9 @@ public:
     static unsigned char encryptByte(unsigned char b);
 };
 
-// A private copy of a clear copy, for reading with QSettings.
+// A private copy of a clear copy, for reading with QSettings, and the end of
+// both: when it goes, the clear copy it was made from goes too, so that no
+// clear text of a scrambled file stays behind once it has been read.
 //
 // QSettings keeps what it has read from a path for the life of the process and
 // trusts it again while the file's size and time stamp look unchanged. The

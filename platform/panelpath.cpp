@@ -39,6 +39,37 @@ bool isProcPath(const QString& path)
     return clean == QLatin1String("/proc") || clean.startsWith(QLatin1String("/proc/"));
 }
 
+// True when the ".." components of an absolute path climb above "/". On the
+// panel the kernel stops them at "/", but below a panel root they would walk
+// out of the simulated panel into the PC it runs on. Only the text counts: the
+// panel root's own links are the business of whoever built it.
+bool climbsAboveRoot(const QString& path)
+{
+    int depth = 0;
+    for (const QStringRef& part : path.splitRef(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+        if (part == QLatin1String(".."))
+            --depth;
+        else if (part != QLatin1String("."))
+            ++depth;
+        if (depth < 0)
+            return true;
+    }
+    return false;
+}
+
+// What a path that would leave the panel root becomes: a path below a device
+// file, which no call can create, open or remove (ENOTDIR on every file
+// system). Its text keeps no ".." and is absolute, so neither a later cleaning
+// nor the working directory can turn it into a real place; a trailing "/"
+// stays, so that a destination directory still reads as one.
+QString refusedPath(const QString& path)
+{
+    QString refused = QStringLiteral("/dev/null/outside-panel-root");
+    if (path.endsWith(QLatin1Char('/')))
+        refused += QLatin1Char('/');
+    return refused;
+}
+
 } // namespace
 
 QString panelRoot()
@@ -55,6 +86,8 @@ QString panelPath(const QString& path)
     const QByteArray root = rootBytes();
     if (root.isEmpty())
         return path;
+    if (climbsAboveRoot(path))
+        return refusedPath(path);
     return QFile::decodeName(root) + path;
 }
 
@@ -62,9 +95,15 @@ std::string panelPath(const char* path)
 {
     if (path == nullptr)
         return std::string();
-    if (path[0] != '/' || isProcPath(QString::fromUtf8(path)))
+    const QString text = QString::fromUtf8(path);
+    if (path[0] != '/' || isProcPath(text))
         return path;
-    return rootBytes().toStdString() + path;
+    const QByteArray root = rootBytes();
+    if (root.isEmpty())
+        return path;
+    if (climbsAboveRoot(text))
+        return refusedPath(text).toStdString();
+    return root.toStdString() + path;
 }
 
 void preparePanelRoot()

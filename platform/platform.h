@@ -18,6 +18,15 @@ namespace platform {
 // and doubled separators stay. Call it once per path, where the path enters
 // the program: a relocated path would be relocated again. The char overload
 // works on UTF-8 bytes and gives "" for nullptr.
+//
+// A simulated panel is never left: a path whose ".." components climb above
+// "/" (as in "/../x" or "/usr/kavo_app/project/../../../../x") is refused and
+// becomes "/dev/null/outside-panel-root" (with a trailing "/" when the path had
+// one). Nothing can be created, opened or removed below a device file, so a
+// refused destination fails like an unwritable one, and the text is absolute,
+// so it never turns into a place on the stick or in the working directory.
+// ".." that stays inside the panel root is kept as written. On the panel
+// itself (no root) every absolute path is kept, ".." included.
 QString panelPath(const QString& path);
 std::string panelPath(const char* path);
 

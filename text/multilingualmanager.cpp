@@ -1,8 +1,9 @@
 #include "multilingualmanager.h"
 
+#include "platform/platform.h"
+
 #include <QAtomicInteger>
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QSettings>
 #include <QStringList>
@@ -23,12 +24,13 @@ void readTexts(const QString& path, QMap<int, QString>& texts)
     }
 }
 
-// A file name never used before in this process, beside the other temporary
-// files of the system.
+// A file name never used before in this process, in the panel's /tmp beside
+// the package's other temporary files: two packages tried on one PC, each
+// with a panel of its own, keep their scratch files apart.
 QString freshSnapshotName()
 {
     static QAtomicInteger<quint32> counter;
-    return QDir::tempPath() + QStringLiteral("/opxlan-%1-%2.lan")
+    return platform::panelPath(QStringLiteral("/tmp")) + QStringLiteral("/opxlan-%1-%2.lan")
                                   .arg(QCoreApplication::applicationPid())
                                   .arg(counter.fetchAndAddRelaxed(1));
 }

@@ -204,9 +204,9 @@ void tst_RuntimeUpdate::isUpdateAppCheck()
     QCOMPARE(m_download->isUpdateAppCheck(), result);
     QCOMPARE(m_download->events, events);
     QCOMPARE(m_download->m_updateApp, flagAfter);
-    // A description that was read stays unscrambled in the panel's own /tmp.
+    // A description that was read leaves no clear copy in the panel's /tmp.
     if (!events.value(0).startsWith("ask:Information"))
-        QCOMPARE(testenv::readFile(m_panel->path("/tmp/update.ini")), packageIni);
+        QVERIFY(!QFile::exists(m_panel->path("/tmp/update.ini")));
 }
 
 QTEST_GUILESS_MAIN(tst_RuntimeUpdate)

@@ -59,6 +59,13 @@ void tst_PanelPath::relocation_data()
     QTest::newRow("//proc/1/cmdline") << rb << "//proc/1/cmdline" << "//proc/1/cmdline" << r;
     QTest::newRow("/procfoo relocated") << rb << "/procfoo" << r + "/procfoo" << r;
     QTest::newRow("/usr/proc relocated") << rb << "/usr/proc" << r + "/usr/proc" << r;
+    // ".." never climbs out of a simulated panel; the refused form is below a
+    // device file, where nothing can be created or opened.
+    const QString refused = QStringLiteral("/dev/null/outside-panel-root");
+    QTest::newRow(".. out of the root") << rb << "/usr/kavo_app/project/../../../../../tmp/evil" << refused << r;
+    QTest::newRow("/.. at the top") << rb << "/../x" << refused << r;
+    QTest::newRow(".. out, trailing / kept") << rb << "//tmp/./../../" << refused + "/" << r;
+    QTest::newRow(".. out through /proc") << rb << "/proc/../../etc/passwd" << refused << r;
     QTest::newRow("UTF-8 root and path") << QByteArray("/tmp/面板") << "/data/用户" << "/tmp/面板/data/用户" << "/tmp/面板";
 }
 

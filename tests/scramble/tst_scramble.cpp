@@ -141,6 +141,16 @@ void TestScramble::unopenableFiles()
         QVERIFY(!QSettingsFactory::encryptFile(c.first, c.second));
     }
     QVERIFY(!QFile::exists(path("no/such/dir")));
+
+    // A link planted at the target is not followed, whether its file exists or not.
+    QVERIFY(writeFile(path("victim"), "kept"));
+    QVERIFY(QFile::link(path("victim"), path("link.out")) && QFile::link(path("planted"), path("dangling.out")));
+    for (const char* link : {"link.out", "dangling.out"}) {
+        QVERIFY(!QSettingsFactory::decryptFile(path("present.ini"), path(link), CRYPT_NO_MARK));
+        QVERIFY(QFileInfo(path(link)).isSymLink());
+    }
+    QCOMPARE(readFile(path("victim")), QByteArray("kept"));
+    QVERIFY(!QFile::exists(path("planted")));
 }
 
 QTEST_GUILESS_MAIN(TestScramble)

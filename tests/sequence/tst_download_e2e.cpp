@@ -333,6 +333,11 @@ void tst_download_e2e::download_data()
         s.edits.insert("usr/kavo_app/extra/blocked.bin/", {});
         s.changes = replaced(s.project);
     });
+    // Four levels up from the project area is the directory that holds the panel root.
+    row("destination outside the panel root", texts(kToDisk + kToCopy + QList<int>{2056, 2017, 2057}), [](Scenario& s) {
+        s.project.files << PackageFile{"escaped.bin", "outside the panel\n", kProjectArea + "/../../../../escaped"};
+        s.changes = replaced(s.project);
+    });
     row("stick pulled during the copy", texts(kToDisk + kToCopy + QList<int>{2054, 2055}), [](Scenario& s) {
         s.pullStick = true;
         s.project.files.prepend(PackageFile{"large.bin", QByteArray(48 << 20, 'l'), kProjectArea});
@@ -350,7 +355,8 @@ void tst_download_e2e::download()
     QTemporaryDir stickDir;
     testenv::OptionSafeDir outDir;
     QVERIFY(panelDir.isValid() && stickDir.isValid() && outDir.isValid());
-    const QString panel = panelDir.path();
+    // The panel root lies one level down, so that a write outside it shows.
+    const QString panel = panelDir.path() + "/panel";
     const QString stick = stickDir.path();
     kit::PackageSpec package;
     package.executable = qEnvironmentVariable("OPX_EXECUTABLE");
@@ -426,6 +432,9 @@ void tst_download_e2e::download()
     QVERIFY2(actual == expected, qPrintable(difference(actual, expected)));
     for (int i = 0; i < scenario.untouched.size(); ++i)
         QVERIFY2(stamp(panel + scenario.untouched.at(i)) == stampsBefore.at(i), qPrintable(scenario.untouched.at(i)));
+    // Nothing beside the panel root, and no clear copy of a scrambled file in its /tmp.
+    QCOMPARE(QDir(panelDir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList{"panel"});
+    QCOMPARE(QDir(panel + "/tmp").entryList({"*.ini*"}, QDir::Files | QDir::Hidden | QDir::System), QStringList());
 }
 
 QTEST_GUILESS_MAIN(tst_download_e2e)
