@@ -105,14 +105,10 @@ bool ProjectDownload::checkFileCRC(downLoadStatus status)
         if (m_stop)
             return false;
 
-        // On the panel the user files lie directly under their destination,
-        // without the package's "DownLoadFile/" level.
-        QString name = info.fileName;
-        if (!inPackage && name.startsWith(downFileDir))
-            name = name.mid(downFileDir.size() + 1);
+        const QString name = inPackage ? info.fileName : panelName(info.fileName);
         if (name.isEmpty())
             continue;
-        const QString path = (inPackage ? info.srcPath : info.desPath) + name;
+        const QString path = inPackage ? info.srcPath + name : destinationPath(info);
 
         qint64 size = 0;
         {

@@ -187,6 +187,15 @@ public:
     // The package prefix: "./" + project + "/" + variant subdirectory.
     QString packagePrefix() const;
 
+    // A listed file's name on the panel: user files lie directly under their
+    // destination, without the package's "DownLoadFile" and the character
+    // behind it.
+    static QString panelName(const QString& fileName);
+    // Where a listed file goes on the panel: its destination directory and its
+    // panel name. A name whose ".." would leave a simulated panel gives a path
+    // that cannot be written.
+    static QString destinationPath(const FILE_INFO& info);
+
 protected:
     enum class QuestionIcon { Information, Question };
 

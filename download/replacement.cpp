@@ -5,6 +5,7 @@
 
 #include "app/constants.h"
 #include "platform/kavo_api.h"
+#include "platform/platform.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -43,6 +44,18 @@ bool samePath(const QString& a, const QString& b)
 }
 
 } // namespace
+
+QString ProjectDownload::panelName(const QString& fileName)
+{
+    return fileName.startsWith(downFileDir) ? fileName.mid(downFileDir.size() + 1) : fileName;
+}
+
+QString ProjectDownload::destinationPath(const FILE_INFO& info)
+{
+    // The destination directory was kept on the panel where it was read; the
+    // name from the package is checked here, with it, as one path.
+    return platform::confinedPanelPath(info.desPath + panelName(info.fileName));
+}
 
 bool ProjectDownload::removeDir(const QString& path)
 {
@@ -108,12 +121,8 @@ bool ProjectDownload::updateProjectFile()
         return false;
 
     for (const FILE_INFO& info : qAsConst(m_fileList)) {
-        // The package keeps user files under "DownLoadFile/"; on the panel they
-        // lie directly under their destination.
-        const QString relative =
-            info.fileName.startsWith(downFileDir) ? info.fileName.mid(downFileDir.size() + 1) : info.fileName;
         const QString source = info.srcPath + info.fileName;
-        const QString destination = info.desPath + relative;
+        const QString destination = destinationPath(info);
 
         QDir().mkpath(info.desPath);
         printf("src:%s dst:%s-------------------------\n", source.toUtf8().constData(),

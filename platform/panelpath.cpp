@@ -106,6 +106,18 @@ std::string panelPath(const char* path)
     return root.toStdString() + path;
 }
 
+QString confinedPanelPath(const QString& path)
+{
+    const QByteArray root = rootBytes();
+    if (root.isEmpty())
+        return path;
+    const QString rootText = QFile::decodeName(root);
+    // What lies inside the root is the part behind it, taken as a panel path.
+    if (!path.startsWith(rootText + QLatin1Char('/')) || climbsAboveRoot(path.mid(rootText.size())))
+        return refusedPath(path);
+    return path;
+}
+
 void preparePanelRoot()
 {
     const QString root = panelRoot();

@@ -30,6 +30,11 @@ namespace platform {
 QString panelPath(const QString& path);
 std::string panelPath(const char* path);
 
+// A path built on top of a relocated one (a destination directory and a file
+// name from the package): `path` itself while it stays inside the panel root,
+// else the refused form above. On the panel itself every path is kept.
+QString confinedPanelPath(const QString& path);
+
 // The panel root in use: KAVO_PANEL_ROOT made absolute (a relative value
 // against the working directory of its first use) and without trailing "/";
 // "" on the panel itself.

@@ -30,6 +30,8 @@ class tst_PanelPath : public QObject
 private slots:
     void relocation_data();
     void relocation();
+    void confinement_data();
+    void confinement();
     void relativeRootKeepsItsPlace();
     void prepareCreatesWrittenDirectories();
 };
@@ -79,6 +81,33 @@ void tst_PanelPath::relocation()
     QCOMPARE(platform::panelRoot(), expectedRoot);
     QCOMPARE(platform::panelPath(path), expected);
     QCOMPARE(QString::fromStdString(platform::panelPath(path.toUtf8().constData())), expected);
+}
+
+// A package file's name is joined to its relocated destination: the whole
+// path stays inside the panel root.
+void tst_PanelPath::confinement_data()
+{
+    QTest::addColumn<QByteArray>("root"); // null: unset
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("expected");
+
+    const QString r = QStringLiteral("/tmp/panel-root");
+    const QByteArray rb = r.toUtf8();
+    const QString refused = QStringLiteral("/dev/null/outside-panel-root");
+    QTest::newRow("inside") << rb << r + "/d/x/y.dat" << r + "/d/x/y.dat";
+    QTest::newRow(".. inside") << rb << r + "/d/x/../y.dat" << r + "/d/x/../y.dat";
+    QTest::newRow("name climbs out") << rb << r + "/d/x/../../../esc.dat" << refused;
+    QTest::newRow("beside the root") << rb << r + "-other/d/y.dat" << refused;
+    QTest::newRow("on the panel itself") << QByteArray() << "/d/../../esc.dat" << "/d/../../esc.dat";
+}
+
+void tst_PanelPath::confinement()
+{
+    QFETCH(QByteArray, root);
+    QFETCH(QString, path);
+    QFETCH(QString, expected);
+    RootVariable variable(root);
+    QCOMPARE(platform::confinedPanelPath(path), expected);
 }
 
 // The package changes its working directory after start; a relative root
