@@ -169,17 +169,17 @@ std::vector<pid_t> findPackageProcesses(const QString& procDir, int limit)
     return found;
 }
 
-int stopOtherCopies()
+std::vector<pid_t> stopOtherCopies()
 {
     const pid_t self = getpid();
-    int signalled = 0;
+    std::vector<pid_t> signalled;
     for (const pid_t pid : findPackageProcesses()) {
         if (pid == self)
             continue;
         // A copy that is just starting may not take the first signal.
         if (kill(pid, SIGTERM) != 0)
             kill(pid, SIGTERM);
-        ++signalled;
+        signalled.push_back(pid);
     }
     return signalled;
 }

@@ -80,8 +80,9 @@ std::vector<pid_t> findPackageProcesses(const QString& procDir = QStringLiteral(
                                         int limit = kMaxPackageProcesses);
 
 // Sends SIGTERM to every copy findPackageProcesses() finds except this process;
-// a failed signal is sent once more. Returns how many ids were signalled.
-int stopOtherCopies();
+// a failed signal is sent once more. Returns the ids signalled; it does not
+// wait for them to end.
+std::vector<pid_t> stopOtherCopies();
 
 // The path of the running executable from "/proc/self/exe". Returns the byte
 // count readlink() gave and sets `exePath`, or -1 (errno set) on failure.

@@ -1,8 +1,8 @@
 // The stick's runtime updater, started by the download with
-// "-project ROOT/ NAME" "-product P" "-lanID L". It replaces the panel's
-// runtime by the project's runtime copy and starts the package again in
-// resume mode, telling it with "-project 0 NAME" or "-project 1 NAME" whether
-// the runtime was updated.
+// "-project ROOT/ NAME" "-product P" "-lanID L". It stops the package run that
+// handed over, replaces the panel's runtime by the project's runtime copy of
+// the panel's variant and starts the package again in resume mode, telling it
+// with "-project 0 NAME" or "-project 1 NAME" whether the runtime was updated.
 #include "helper/runtimeupdater.h"
 #include "platform/platform.h"
 
@@ -29,9 +29,17 @@ int main(int argc, char* argv[])
                      arguments.rootSlash.toLocal8Bit().constData());
     }
 
+    // The run that handed over goes on with its download in the same call and,
+    // once it has copied the project, counts down and reboots the panel. It is
+    // stopped, and gone, before anything of the runtime is touched, so that no
+    // reboot can cut the installation short; the run started again below
+    // downloads the project instead. (Without a project named there is no run
+    // to start again, so the usage error above leaves that run alone.)
     QString error;
     bool updated = false;
-    if (!arguments.complete())
+    if (!runtimeupdater::stopPackageRuns())
+        error = QStringLiteral("the package run that handed over does not end");
+    else if (!arguments.complete())
         error = QStringLiteral("incomplete arguments: ") + app.arguments().mid(1).join(QLatin1Char('|'));
     else
         updated = runtimeupdater::updateRuntime(arguments, error);

@@ -1,5 +1,6 @@
 #include "helper/runtimeupdater.h"
 
+#include "app/startup.h"
 #include "download/projectdownload.h"
 #include "download/qsettingsfactory.h"
 #include "platform/kavo_api.h"
@@ -7,12 +8,16 @@
 
 #include <QCryptographicHash>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryFile>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
+
 #include <unistd.h>
 
 namespace runtimeupdater {
@@ -24,6 +29,11 @@ const QString kLanIdOption = QStringLiteral("-lanID");
 
 constexpr qint64 kCopyChunk = 64 * 1024;
 constexpr int kHashDigits = 32;
+
+// How often a stopped package run is looked for, and how long a killed one
+// gets to go.
+constexpr useconds_t kStopPollUs = 50 * 1000;
+constexpr int kKillWaitMs = 1000;
 
 // Suffix of a file being written into the installed runtime. The new file
 // takes the old one's place only by rename, so a running runtime binary is
@@ -176,25 +186,48 @@ int panelPlatformCode()
     return Kavo_GetPlatform_Arch(QFile::encodeName(file).constData());
 }
 
+bool stopPackageRuns(int graceMs)
+{
+    std::vector<pid_t> running = startup::stopOtherCopies();
+    // A copy that has ended no longer shows a command line, even before its
+    // parent has collected it, so the package's own rule tells it as gone.
+    const auto waitForEnd = [&running](int ms) {
+        QElapsedTimer clock;
+        clock.start();
+        for (;;) {
+            const std::vector<pid_t> found = startup::findPackageProcesses();
+            running.erase(std::remove_if(running.begin(), running.end(),
+                                         [&found](pid_t pid) {
+                                             return std::find(found.begin(), found.end(), pid) == found.end();
+                                         }),
+                          running.end());
+            if (running.empty() || clock.hasExpired(ms))
+                return running.empty();
+            usleep(kStopPollUs);
+        }
+    };
+    if (waitForEnd(graceMs))
+        return true;
+    for (const pid_t pid : running) {
+        note(QStringLiteral("package run %1 did not end within %2 ms of SIGTERM; killing it").arg(pid).arg(graceMs));
+        kill(pid, SIGKILL);
+    }
+    if (waitForEnd(kKillWaitMs))
+        return true;
+    note(QStringLiteral("package run %1 is still running").arg(running.front()));
+    return false;
+}
+
 QString findRuntimeCopy(const QString& rootSlash, const QString& project, const QString& product,
                         const QString& variant)
 {
-    const QString productDir = rootSlash + project + QLatin1Char('/') + product + QLatin1Char('/');
-    QStringList layouts(variant);
-    for (const QString& other : {QStringLiteral("v7/"), QStringLiteral("v5/"), QString()}) {
-        if (other != variant)
-            layouts << other;
-    }
-    for (const QString& layout : layouts) {
-        const QString dir = productDir + layout + QStringLiteral("kavo_app");
-        if (!QFileInfo(dir).isDir())
-            continue;
-        if (layout != variant)
-            note(QStringLiteral("no runtime copy at ") + productDir + variant + QStringLiteral("kavo_app, using ")
-                 + dir);
-        return dir;
-    }
-    return QString();
+    // Only the copy built for the panel's own processor generation: the
+    // download checked exactly this one, and a runtime of another variant (an
+    // ARMv7 runtime on an ARMv5 panel) would leave the panel without a runtime
+    // that runs.
+    const QString dir = rootSlash + project + QLatin1Char('/') + product + QLatin1Char('/') + variant
+                        + QStringLiteral("kavo_app");
+    return QFileInfo(dir).isDir() ? dir : QString();
 }
 
 bool readMd5List(const QString& path, QVector<Md5Entry>& entries, QString& error)
@@ -319,14 +352,20 @@ bool installRuntime(const RuntimeCopy& copy, const QString& targetDir, QString& 
 
 bool updateRuntime(const Arguments& arguments, QString& error)
 {
+    // A panel whose platform cannot be told has no variant to match; the
+    // download itself refuses such a panel.
     const int code = panelPlatformCode();
-    if (code < 0)
-        note(QStringLiteral("cannot tell the panel's platform; looking for a runtime copy without variant"));
-    const QString dir = findRuntimeCopy(arguments.rootSlash, arguments.project, arguments.product,
-                                        ProjectDownload::variantOfPlatform(QString::number(code)));
+    if (code < 0) {
+        error = QStringLiteral("cannot tell the panel's platform from its C library");
+        return false;
+    }
+    const QString variant = ProjectDownload::variantOfPlatform(QString::number(code));
+    const QString dir = findRuntimeCopy(arguments.rootSlash, arguments.project, arguments.product, variant);
     if (dir.isEmpty()) {
-        error = QStringLiteral("no runtime copy of ") + arguments.product + QStringLiteral(" in ")
-                + arguments.rootSlash + arguments.project;
+        error = QStringLiteral("no runtime copy of %1 in %2%3 for a panel of platform %4: only %1/%5kavo_app counts")
+                    .arg(arguments.product, arguments.rootSlash, arguments.project)
+                    .arg(code)
+                    .arg(variant);
         return false;
     }
     RuntimeCopy copy;

@@ -5,12 +5,17 @@
 // The download hands over with three arguments, each option and its values in
 // one argument: "-project ROOT/ NAME", "-product P", "-lanID L". The updater
 //
-//   finds the copy        findRuntimeCopy      ROOT/NAME/P/<v7/|v5/|>kavo_app
+//   stops the package     stopPackageRuns      the run that handed over
+//   finds the copy        findRuntimeCopy      ROOT/NAME/P/<the panel's v7/|v5/|>kavo_app
 //   checks it whole       checkRuntimeCopy     every file of its MD5 list
 //   installs it           installRuntime       over Kavo_GetDirectory(0)
 //   hands back            startPackage         "-project 0|1 NAME", "-lanID L"
 //
-// Nothing on the panel changes before the whole copy has been checked. The
+// The run that handed over goes on with its download after starting the
+// updater and ends in a reboot of the panel; it is stopped first, so that no
+// reboot can cut the runtime installation short. The resumed run downloads
+// the project. Nothing on the panel changes before the whole copy has been
+// checked. The
 // panel's project directory inside the runtime is never touched. Diagnostics
 // go to standard error in English; the operator hears of the outcome only from
 // the resumed package.
@@ -52,10 +57,18 @@ QString packageRootOfHelper(const QString& helperDir);
 // or -1 when it cannot be told.
 int panelPlatformCode();
 
-// The runtime copy of the package: rootSlash + project + "/" + product + "/" +
-// variant + "kavo_app", or, when that directory is missing, the first of the
-// other layouts ("v7/", "v5/", none) that exists (said on standard error).
-// "" when there is none.
+// How long the package run that handed over gets to end after SIGTERM.
+constexpr int kStopGraceMs = 5000;
+
+// Stops every running copy of the package, found and signalled as the
+// package's own start-up does, and waits until none of them runs any more.
+// A copy still running after `graceMs` is killed (said on standard error).
+// False when a killed copy has not gone a second later either.
+bool stopPackageRuns(int graceMs = kStopGraceMs);
+
+// The runtime copy for a panel of `variant` (ProjectDownload::variantOfPlatform):
+// rootSlash + project + "/" + product + "/" + variant + "kavo_app" when that
+// directory exists, else "". Copies of other variants never count.
 QString findRuntimeCopy(const QString& rootSlash, const QString& project, const QString& product,
                         const QString& variant);
 
@@ -97,7 +110,8 @@ bool installRuntime(const RuntimeCopy& copy, const QString& targetDir, QString& 
 
 // The whole update for a complete hand-over: find the copy for the panel's
 // platform, check it, install it over Kavo_GetDirectory(0). False with
-// `error` set when any step fails.
+// `error` set when any step fails, also when the panel's platform cannot be
+// told or the package carries no copy of the panel's variant.
 bool updateRuntime(const Arguments& arguments, QString& error);
 
 // Starts rootSlash + "opxupdateu/opxupdateu_proj.bin" detached in rootSlash
