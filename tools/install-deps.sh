@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the package needs to build, test and run its demo.
+# Installs the Debian packages the package needs to build, test and run its demo,
+# and with "coverage" also those of tools/coverage.sh.
 # Only what is missing is installed; a machine that has everything is not touched.
 set -euo pipefail
 
@@ -9,6 +10,12 @@ packages=(
     xvfb xauth xdotool fonts-wqy-microhei      # screens rendered and driven headless, with a CJK font
     libc6-armhf-cross libc6-armel-cross        # real ARM C libraries for the platform-code reader
 )
+for group in "$@"; do
+    case "$group" in
+        coverage) packages+=(gcovr) ;;
+        *) echo "install-deps.sh: unknown group $group" >&2; exit 2 ;;
+    esac
+done
 
 missing=()
 for package in "${packages[@]}"; do
