@@ -59,12 +59,13 @@ int main(int argc, char* argv[])
     if (!stick.isValid() || !makeProject(stick.path(), QStringLiteral("生产线A/v7/context.dat"))
         || !makeProject(stick.path(), QStringLiteral("packing_line_2/context.dat"))
         || !makeProject(stick.path(), QStringLiteral("test-station-with-a-long-name/v5/context.dat"))
-        || !makeProject(stick.path(), QStringLiteral("opxupdateu/context.dat")) || !QDir::setCurrent(stick.path())) {
+        || !makeProject(stick.path(), QStringLiteral("opxupdateu/context.dat"))) {
         std::fprintf(stderr, "download_screens: cannot build the stick\n");
         return 1;
     }
 
     dlgDownLoad dialog(QStringLiteral("/usr/kavo_app/project"), QStringLiteral("0"));
+    dialog.setPackageRoot(stick.path());
     dialog.show();
     if (!save(dialog, outDir, QStringLiteral("idle")))
         return 1;
@@ -86,6 +87,7 @@ int main(int argc, char* argv[])
 
     // A download that went through, three seconds into the reboot countdown.
     dlgDownLoad done(QStringLiteral("/usr/kavo_app/project"), QStringLiteral("0"));
+    done.setPackageRoot(stick.path());
     done.show();
     done.setBntEnable(false, true, false);
     for (int id : {2011, 2021, 2112, 2114, 2117, 2118, 2022, 2028, 2035, 2039, 2044, 2050, 2051, 2053, 2056, 2058})
