@@ -76,7 +76,7 @@ public:
     {
         m_server.setStandardErrorFile(QProcess::nullDevice());
         m_server.start(QStringLiteral("Xvfb"),
-                       QStringLiteral("-displayfd 1 -screen 0 %1x768x24 -dpi 96 -nolisten tcp").arg(kScreenWidth).split(' '));
+                       QStringLiteral("-displayfd 1 -screen 0 %1x768x24 -dpi 96 -nolisten tcp -ardelay 60000").arg(kScreenWidth).split(' '));
         QByteArray output;
         waitUntil([&] {
             m_server.waitForReadyRead(100);
@@ -157,9 +157,10 @@ public:
         return xdotool(QStringLiteral("mousemove --sync %1 %2 click 1").arg(point.x()).arg(point.y()));
     }
 
-    // Presses the key `name` in the window titled `title`. Without a window
-    // manager nothing gives a window the keyboard but the program itself, so
-    // the window is given the input focus first, as a manager would on a touch.
+    // Presses the key `name` in the window titled `title`, given the input
+    // focus first as a window manager would on a touch. The server's key
+    // repeat is put off (-ardelay above): on a loaded machine the release can
+    // come late, and a repeated key would reach whichever window is next.
     bool key(const QString& title, const QString& name) const
     {
         QByteArray ids;
@@ -168,7 +169,7 @@ public:
             QByteArray answer;
             if (!id.isEmpty() && xdotool(QStringLiteral("getwindowname %1").arg(QLatin1String(id)), &answer)
                 && QString::fromUtf8(answer.trimmed()) == title)
-                return xdotool(QStringLiteral("windowfocus --sync %1 key --delay 0 --window %1 %2").arg(QLatin1String(id), name));
+                return xdotool(QStringLiteral("windowfocus --sync %1 key --window %1 %2").arg(QLatin1String(id), name));
         }
         return false;
     }
