@@ -1,7 +1,7 @@
 // The download sequence in process, where the operator has a say: the runtime
 // update questions and what each answer leads to, the hand-over to the runtime
-// updater, the stop, start and restart buttons while the sequence runs, and scrambled descriptions read
-// one after the other.
+// updater, the stop, start and restart buttons while the sequence runs, and
+// scrambled descriptions read one after the other.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
 #include "tools/kit/panel.h"
@@ -15,6 +15,7 @@
 #include <QTextEdit>
 #include <QtTest>
 
+#include <functional>
 #include <memory>
 
 namespace {
@@ -23,7 +24,6 @@ using testenv::texts;
 
 // The pane up to the end of the installed runtime's check.
 const QList<int> kToRuntimeChecked = {2011, 2021, 2112, 2114, 2117, 2118};
-// From the series check to the end of a successful download.
 QStringList downloaded()
 {
     return texts({2022, 2028, 2035, 2039, 2044, 2050, 2051, 2053, 2056, 2058}) << msg(2059) + '\n';
@@ -47,7 +47,29 @@ QMap<QString, QByteArray> panelFiles(const QString& root)
     return files;
 }
 
+// A run where the operator answers the one box the runtime check shows.
+struct Question
+{
+    kit::ProjectSpec project;
+    // Changes the stick (first argument) and the panel root (second) before the run.
+    std::function<void(const QString&, const QString&)> edit;
+    bool yes = true;
+    QString box;       // "title|text" of the box the operator sees; empty: none
+    QStringList tail;  // the pane after the installed runtime's check
+    bool handedOver = false;
+};
+
+const QString kCopy = QStringLiteral("/proj/KavoPro/v7/kavo_app");
+
+void writeRuntimeIni(const QString& path, const QByteArray& version, const QByteArray& product = "KavoPro")
+{
+    QVERIFY(kit::writeScrambled(path, ";;;#\n[PREPARE]\nversion=" + version + "\nminsetversion=7.0.0\nproduct="
+                                          + product + "\n"));
+}
+
 } // namespace
+
+Q_DECLARE_METATYPE(Question)
 
 class tst_sequence : public QObject
 {
@@ -109,91 +131,125 @@ std::unique_ptr<dlgDownLoad> tst_sequence::prepare(const kit::ProjectSpec& proje
 
 void tst_sequence::runtimeQuestions_data()
 {
-    QTest::addColumn<bool>("installedDamaged");
-    QTest::addColumn<QString>("runtimeCopy"); // how the package's runtime copy is made
-    QTest::addColumn<bool>("yes");            // the operator's answer
-    QTest::addColumn<QString>("box");         // "title|text" of the one box the operator sees
-    QTest::addColumn<QStringList>("tail");    // the pane after the installed runtime's check
-    QTest::addColumn<bool>("handedOver");     // the updater was started and the dialog closed
-
-    const bool yes = true;
-    const bool no = false;
+    QTest::addColumn<Question>("run");
+    const auto row = [](const char* tag, bool yes, const QString& box, const QStringList& tail, bool handedOver,
+                        const std::function<void(const QString&, const QString&)>& edit) {
+        Question q;
+        q.project.variant = "v7";
+        q.project.withRuntime = true;
+        q.project.runtime.version = "7.3.0";
+        q.yes = yes;
+        q.box = box;
+        q.tail = tail;
+        q.handedOver = handedOver;
+        q.edit = edit;
+        QTest::newRow(tag) << q;
+    };
+    const auto damageInstalled = [](const QString&, const QString& panel) {
+        QVERIFY(testenv::writeFile(panel + "/usr/kavo_app/bin/kavo_app", "damaged application\n"));
+    };
+    const auto installedVersion = [](const QByteArray& version, const QByteArray& product = "KavoPro") {
+        // The installed runtime stays sound: its MD5 list is named by the version's first word.
+        return [=](const QString&, const QString& panel) {
+            const QString dir = panel + "/usr/kavo_app/";
+            QVERIFY(testenv::writeFile(dir + "update.ini", "[PREPARE]\nversion=" + version
+                                                               + "\nminsetversion=7.0.0\nproduct=" + product + "\n"));
+            const QString list = dir + "version." + version.split(' ').value(0);
+            QVERIFY(QFile::exists(list) || QFile::copy(dir + "version.7.2.1", list));
+        };
+    };
+    const auto copyVersion = [](const QByteArray& version) {
+        return [=](const QString& stick, const QString&) { writeRuntimeIni(stick + kCopy + "/update.ini", version); };
+    };
     const QString damaged = msg(2034) + '|' + msg(2116);
     const QString newer = msg(2034) + '|' + msg(2033).arg("7.2.1", "7.3.0");
     const QString unreadable = msg(2030) + '|' + msg(2031);
-    QTest::newRow("damaged runtime, no update") << true << "sound" << no << damaged << texts({2115}) << false;
-    QTest::newRow("damaged runtime, damaged copy")
-        << true << "damaged" << yes << damaged << QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)}
-        << false;
-    QTest::newRow("damaged runtime, copy of empty product")
-        << true << "empty product" << yes << damaged << texts({2041}) << false;
-    QTest::newRow("damaged runtime, copy of a series in other case")
-        << true << "kavopro" << yes << damaged << texts({2042}) << false;
-    QTest::newRow("damaged runtime, updated") << true << "sound" << yes << damaged << downloaded() << true;
-    QTest::newRow("newer runtime, updated") << false << "sound" << yes << newer << downloaded() << true;
-    QTest::newRow("newer runtime, project only") << false << "sound" << no << newer << downloaded() << false;
-    QTest::newRow("unreadable runtime copy, project only")
-        << false << "unscrambled" << yes << unreadable << downloaded() << false;
-    QTest::newRow("unreadable runtime copy, cancelled")
-        << false << "unscrambled" << no << unreadable << texts({2026}) << false;
+    const QString none;
+
+    row("damaged runtime, no update", false, damaged, texts({2115}), false, damageInstalled);
+    // Without both the series' updater and the helper nothing can be updated.
+    row("damaged runtime, no updater of the series", true, none, texts({2115}), false, [=](const QString& s, const QString& p) {
+        damageInstalled(s, p);
+        QVERIFY(QFile::remove(s + "/proj/KavoPro/opxupdateu.bin"));
+    });
+    row("damaged runtime, damaged copy", true, damaged, QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)},
+        false, [=](const QString& s, const QString& p) {
+            damageInstalled(s, p);
+            QVERIFY(testenv::writeFile(s + kCopy + "/lib/libkavo.so", "another library\n"));
+        });
+    row("damaged runtime, copy of empty product", true, damaged, texts({2041}), false, [=](const QString& s, const QString& p) {
+        damageInstalled(s, p);
+        writeRuntimeIni(s + kCopy + "/update.ini", "7.3.0", "");
+    });
+    row("damaged runtime, copy of a series in other case", true, damaged, texts({2042}), false,
+        [=](const QString& s, const QString& p) {
+            damageInstalled(s, p);
+            writeRuntimeIni(s + kCopy + "/update.ini", "7.3.0", "kavopro");
+        });
+    row("damaged runtime, updated", true, damaged, downloaded(), true, damageInstalled);
+    row("newer runtime, updated", true, newer, downloaded(), true, {});
+    row("newer runtime, project only", false, newer, downloaded(), false, {});
+    row("newer runtime, no helper", true, none, downloaded(), false,
+        [](const QString& s, const QString&) { QVERIFY(QFile::remove(s + "/opxupdateu/helper/opxupdateu_helper.bin")); });
+    // Versions compare as text, the first word of each.
+    row("equal versions", true, none, downloaded(), false, installedVersion("7.3.0"));
+    row("7.10.0 is older than 7.9.0 as text", true, none, downloaded(), false,
+        [=](const QString& s, const QString& p) {
+            installedVersion("7.9.0")(s, p);
+            copyVersion("7.10.0")(s, p);
+        });
+    row("versions with further words", true, newer, downloaded(), true, [=](const QString& s, const QString& p) {
+        installedVersion("7.2.1 build3")(s, p);
+        copyVersion("  7.3.0   build5 ")(s, p);
+    });
+    row("installed description without a version, series in other case", false,
+        msg(2034) + '|' + msg(2032).arg("7.3.0"), texts({2022, 2028, 2035, 2036}), false, installedVersion("", "kavopro"));
+    // Another series on the panel is always asked, whatever the versions.
+    row("panel of another series", false, msg(2034) + '|' + msg(2108).arg("KavoStu", "KavoPro 7.3.0"),
+        texts({2022}) << msg(2109).arg("KavoStu", "KavoPro", "KavoPro"), false, installedVersion("7.9.0", "KavoStu"));
+    row("unreadable runtime copy, project only", true, unreadable, downloaded(), false,
+        [](const QString& s, const QString&) { QVERIFY(testenv::writeFile(s + kCopy + "/update.ini", "[PREPARE]\nversion=7.3.0\n")); });
+    row("runtime copy of another variant, cancelled", false, unreadable, texts({2026}), false, [](const QString& s, const QString&) {
+        QVERIFY(QDir().mkpath(s + "/proj/KavoPro/v5") && QDir().rename(s + kCopy, s + "/proj/KavoPro/v5/kavo_app"));
+    });
+    row("blank runtime copy version, cancelled", false, unreadable, texts({2026}), false, copyVersion("   "));
 }
 
 void tst_sequence::runtimeQuestions()
 {
-    QFETCH(bool, installedDamaged);
-    QFETCH(QString, runtimeCopy);
-    QFETCH(bool, yes);
-    QFETCH(QString, box);
-    QFETCH(QStringList, tail);
-    QFETCH(bool, handedOver);
-
-    kit::ProjectSpec project;
-    project.variant = QStringLiteral("v7");
-    project.withRuntime = true;
-    project.runtime.version = QStringLiteral("7.3.0");
-    if (runtimeCopy == QLatin1String("kavopro"))
-        project.runtime.product = QStringLiteral("kavopro");
-    std::unique_ptr<dlgDownLoad> dialog = prepare(project);
+    QFETCH(Question, run);
+    std::unique_ptr<dlgDownLoad> dialog = prepare(run.project);
     QVERIFY(dialog);
-
-    const QString copy = m_stick->path() + "/proj/KavoPro/v7/kavo_app";
-    if (runtimeCopy == QLatin1String("damaged"))
-        QVERIFY(testenv::writeFile(copy + "/lib/libkavo.so", "another library\n"));
-    else if (runtimeCopy == QLatin1String("empty product"))
-        QVERIFY(kit::writeScrambled(copy + "/update.ini",
-                                    ";;;#\n[PREPARE]\nversion=7.3.0\nminsetversion=7.0.0\nproduct=\n"));
-    else if (runtimeCopy == QLatin1String("unscrambled"))
-        QVERIFY(testenv::writeFile(copy + "/update.ini", kit::updateIniText(project.runtime)));
-    if (installedDamaged)
-        QVERIFY(testenv::writeFile(m_panel->path("/usr/kavo_app/bin/kavo_app"), "damaged application\n"));
+    if (run.edit)
+        run.edit(m_stick->path(), m_panel->root());
     const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
 
     dialog->show();
     QVERIFY(QTest::qWaitForWindowExposed(dialog.get()));
     {
-        testenv::BoxAnswerer answerer({yes ? QMessageBox::Yes : QMessageBox::No}, QMessageBox::No);
+        testenv::BoxAnswerer answerer({run.yes ? QMessageBox::Yes : QMessageBox::No}, QMessageBox::No);
         dialog->clickedStartBt();
-        QCOMPARE(answerer.seen().size(), 1);
-        const testenv::SeenBox& seen = answerer.seen().first();
-        QCOMPARE(seen.title + '|' + seen.text, box);
-        QCOMPARE(seen.buttons, (QStringList{msg(1004), msg(1005)}));
-        if (seen.title == msg(2034))
-            QCOMPARE(seen.icon, QMessageBox::Question);
+        QCOMPARE(answerer.seen().size(), run.box.isEmpty() ? 0 : 1);
+        for (const testenv::SeenBox& seen : answerer.seen()) {
+            QCOMPARE(seen.title + '|' + seen.text, run.box);
+            QCOMPARE(seen.buttons, (QStringList{msg(1004), msg(1005)}));
+            QCOMPARE(seen.icon, seen.title == msg(2034) ? QMessageBox::Question : QMessageBox::Information);
+            QVERIFY(seen.flags & Qt::WindowStaysOnTopHint);
+        }
     }
 
-    QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
-    if (tail.last() == msg(2059) + '\n') {
+    QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + run.tail).join('\n'));
+    const bool downloaded = run.tail.last() == msg(2059) + '\n';
+    if (downloaded)
         QCOMPARE(testenv::readFile(m_panel->path("/usr/kavo_app/project/project.bin")), QByteArray("the new project\n"));
-        QVERIFY(dialog->isCountingDown());
-    } else {
+    else
         QCOMPARE(panelFiles(m_panel->root()), before);
-        QVERIFY(!dialog->isCountingDown());
-    }
-    QCOMPARE(dialog->isVisible(), !handedOver);
+    QCOMPARE(dialog->isCountingDown(), downloaded);
+    QCOMPARE(dialog->isVisible(), !run.handedOver);
     dialog.reset();
 
     const QString recorded = m_panel->path("/tmp/updater.args");
-    if (handedOver) {
+    if (run.handedOver) {
         QTRY_VERIFY(QFile::exists(recorded));
         QCOMPARE(QString::fromUtf8(testenv::readFile(recorded)),
                  QStringLiteral("-project %1/ proj\n-product KavoPro\n-lanID 0003\n").arg(m_stick->path()));
@@ -234,7 +290,6 @@ void tst_sequence::stopMidway()
     const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
     const QString large = m_panel->path("/usr/kavo_app/project/large.bin");
 
-    auto* stop = dialog->findChild<QPushButton*>(QStringLiteral("btnStop"));
     bool pressed = false;
     QTimer press;
     connect(&press, &QTimer::timeout, [&] {
@@ -259,7 +314,7 @@ void tst_sequence::stopMidway()
     QCOMPARE(answerer.seen().size(), 0);
     QCOMPARE(dialog->windowTitle(), QStringLiteral("proj"));
     QVERIFY(dialog->findChild<QPushButton*>(QStringLiteral("btnStart"))->isEnabled());
-    QVERIFY(!stop->isEnabled());
+    QVERIFY(!dialog->findChild<QPushButton*>(QStringLiteral("btnStop"))->isEnabled());
     if (when == QLatin1String("copy")) {
         // The copy ended inside the first file: nothing after it was written.
         QVERIFY(!QFile::exists(m_panel->path("/usr/kavo_app/project/context.dat")));

@@ -1,0 +1,484 @@
+// The rules of the download's checks that a whole download cannot pin: the
+// boundaries of its arithmetic (disk space to the byte, hardware, versions),
+// the order in which the platform file is looked for, the "$" destinations,
+// sizes beyond 32 bits, and how md5sum's output is read. Everything else is a
+// scenario of tst_download_e2e.
+//
+// The disk space boundaries need file systems whose free space nothing else
+// changes: the program runs itself again inside a private mount namespace and
+// mounts small tmpfs file systems over the simulated panel's directories.
+#include "download/qsettingsfactory.h"
+#include "recordingdownload.h"
+#include "testenv.h"
+
+#include <QCryptographicHash>
+#include <QDirIterator>
+#include <QStorageInfo>
+#include <QtTest>
+
+#include <cstdlib>
+#include <memory>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+const char kPrivateMounts[] = "OPX_TST_PRIVATE_MOUNTS"; // "1" inside the private mount namespace
+
+qint64 statSize(const QString& path)
+{
+    struct stat64 info;
+    return stat64(QFile::encodeName(path).constData(), &info) == 0 ? info.st_size : -1;
+}
+
+// What a tree walk adds up for `path`: the st_size of it and of every entry below.
+qint64 treeSize(const QString& path)
+{
+    if (!QFileInfo::exists(path))
+        return 0;
+    qint64 total = statSize(path);
+    QDirIterator it(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext())
+        total += statSize(it.next());
+    return total;
+}
+
+bool writeSized(const QString& path, qint64 size)
+{
+    return testenv::writeFile(path, QByteArray()) && QFile::resize(path, size);
+}
+
+bool growBy(const QString& path, qint64 delta)
+{
+    return QFile::resize(path, QFileInfo(path).size() + delta);
+}
+
+// "fail: 2068|argument" or "text: 2046" as the recorder writes it.
+QStringList lines(const QStringList& coded)
+{
+    QStringList out;
+    for (const QString& line : coded) {
+        const QStringList idAndArg = line.mid(6).split('|');
+        const QString text = msg(idAndArg.at(0).toInt());
+        out << line.left(6) + (idAndArg.size() > 1 ? text.arg(idAndArg.at(1)) : text);
+    }
+    return out;
+}
+
+const QMap<QString, QByteArray> kRuntimeFiles = {{"bin/kavo_app", "kavo runtime application\n"},
+                                                 {"config/logger.ini", "[log]\nlevel=1\n"},
+                                                 {"lib/libOPX.so", "kavo runtime library\n"}};
+
+} // namespace
+
+class tst_DownloadChecks : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { QVERIFY(testenv::loadBuiltinTexts()); }
+    void init();
+    void cleanup();
+
+    void platformFile_data();
+    void platformFile();
+    void formatVersion_data();
+    void formatVersion();
+    void versionRule_data();
+    void versionRule();
+    void destination_data();
+    void destination();
+    void sizeOf4GiBNeverMatches();
+    void md5sumOutput_data();
+    void md5sumOutput();
+    void projectArea_data();
+    void projectArea();
+    void userFileArea_data();
+    void userFileArea();
+
+private:
+    // Empty when a tmpfs of `size` now lies over `dir`, else why not.
+    QString mountTmpfs(const QString& dir, const char* size);
+
+    QString m_previousDir = QDir::currentPath();
+    QStringList m_mounts;
+    std::unique_ptr<testenv::TempPanel> m_panel;
+    std::unique_ptr<QTemporaryDir> m_stick;
+    std::unique_ptr<RecordingDownload> m_download;
+};
+
+void tst_DownloadChecks::init()
+{
+    m_panel = std::make_unique<testenv::TempPanel>();
+    m_stick = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_panel->isValid() && m_stick->isValid() && QDir::setCurrent(m_stick->path()));
+    m_download = std::make_unique<RecordingDownload>();
+    m_download->m_projectName = "proj";
+    m_download->m_platformCode = "10";
+    m_download->m_variantDir = "v7/";
+}
+
+void tst_DownloadChecks::cleanup()
+{
+    QDir::setCurrent(m_previousDir);
+    qunsetenv("KAVO_SIM_DELETEDIR_FAIL");
+    for (const QString& dir : qAsConst(m_mounts))
+        umount2(QFile::encodeName(dir).constData(), MNT_DETACH);
+    m_mounts.clear();
+    m_download.reset();
+    m_stick.reset();
+    m_panel.reset();
+}
+
+QString tst_DownloadChecks::mountTmpfs(const QString& dir, const char* size)
+{
+    if (qgetenv(kPrivateMounts) != "1")
+        return "unshare cannot make a private mount namespace here";
+    QDir().mkpath(dir);
+    if (mount("tmpfs", QFile::encodeName(dir).constData(), "tmpfs", 0, (QByteArray("size=") + size).constData()) != 0)
+        return "cannot mount a tmpfs";
+    m_mounts << dir;
+    return QString();
+}
+
+void tst_DownloadChecks::platformFile_data()
+{
+    // Made in the panel's /lib after libc.so.6 was removed: "f:" a file, "d:" a
+    // directory, "l:NAME>TARGET" a link; the panel-side path found, or "".
+    QTest::addColumn<QStringList>("entries");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("libc.so.6 links to a file") << QStringList{"f:libc-2.23.so", "l:libc.so.6>libc-2.23.so"}
+                                               << "/lib/libc.so.6";
+    QTest::newRow("libc.so.6 a directory with a libc")
+        << QStringList{"d:libc.so.6", "f:libc.so.6/libc-2.30.so", "f:libc-2.23.so"} << "/lib/libc.so.6/libc-2.30.so";
+    QTest::newRow("libc.so.6 an empty directory") << QStringList{"d:libc.so.6", "f:libc-2.23.so"} << "/lib/libc-2.23.so";
+    QTest::newRow("libc.so.6 a dangling link") << QStringList{"l:libc.so.6>gone", "f:libc-2.23.so"}
+                                               << "/lib/libc-2.23.so";
+    // Name order with case ignored; the prefix with case.
+    QTest::newRow("first libc in name order")
+        << QStringList{"f:LIBC-0.so", "f:libc-B.so", "f:libcrypt.so.1", "f:libc-a.so"} << "/lib/libc-a.so";
+    QTest::newRow("link to a file counts") << QStringList{"f:real", "l:libc-1.so>real"} << "/lib/libc-1.so";
+    QTest::newRow("nothing found") << QStringList{"f:libm.so.6", "f:libc.a", "f:libcso", "d:libc-0.so", "d:libc.so.6"}
+                                   << "";
+}
+
+void tst_DownloadChecks::platformFile()
+{
+    QFETCH(QStringList, entries);
+    QFETCH(QString, expected);
+    QVERIFY(QFile::remove(m_panel->path("/lib/libc.so.6")));
+    for (const QString& entry : entries) {
+        const QString path = m_panel->path("/lib/") + entry.mid(2).section('>', 0, 0);
+        QVERIFY(entry[0] == 'f'   ? testenv::writeFile(path, "\x7f" "ELF")
+                : entry[0] == 'd' ? QDir().mkpath(path)
+                                  : QFile::link(entry.section('>', 1), path));
+    }
+    QCOMPARE(m_download->panelPlatformFile(), expected.isEmpty() ? QString() : m_panel->path(expected));
+}
+
+void tst_DownloadChecks::formatVersion_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<bool>("fromNines"); // the fields hold 9.9.9 before, else 0.0.0
+    QTest::addColumn<QString>("after");
+    QTest::newRow("three parts") << QByteArray("7.10.1") << false << "7.10.1";
+    QTest::newRow("fourth part ignored") << QByteArray("7.2.1.3") << false << "7.2.1";
+    QTest::newRow("two parts keep the build") << QByteArray("7.2") << true << "7.9.9";
+    QTest::newRow("no dot sets nothing") << QByteArray("7") << true << "9.9.9";
+    QTest::newRow("blanks, signs, trailing letters") << QByteArray(" 7a. +2b.-1rc") << false << "7.2.-1";
+    QTest::newRow("11 characters read") << QByteArray("00000000007.00000000008.00000000009") << false << "7.8.9";
+    // Read as on the panel, whose 32-bit strtol stops at its limits.
+    QTest::newRow("oversized parts saturate") << QByteArray("99999999999.-9999999999.4294967297") << false
+                                              << "2147483647.-2147483648.2147483647";
+    QTest::newRow("12th character cut") << QByteArray("000000000007.000000000008.000000000009") << true << "0.0.0";
+}
+
+void tst_DownloadChecks::formatVersion()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(bool, fromNines);
+    QFETCH(QString, after);
+    stVersionInfo version;
+    if (fromNines)
+        version = stVersionInfo{9, 9, 9};
+    m_download->formatVersion(text.data(), version);
+    QCOMPARE(QString("%1.%2.%3").arg(version.major).arg(version.minor).arg(version.build), after);
+}
+
+void tst_DownloadChecks::versionRule_data()
+{
+    // setversion and minrunversion of the package, version and minsetversion
+    // of the runtime; the failure report, if any.
+    QTest::addColumn<QStringList>("versions");
+    QTest::addColumn<QStringList>("events");
+    const QStringList quiet;
+    QTest::newRow("equal") << QStringList{"7.2.1", "9.9.9", "7.2.1.0", "9.9.9"} << quiet;
+    QTest::newRow("runtime newer and accepts the project") << QStringList{"7.2.0", "7.5.0", "7.3.0", "7.0.0"} << quiet;
+    QTest::newRow("project newer and runs on the runtime") << QStringList{"7.4.0", "7.1.0", "7.2.0", "7.9.0"} << quiet;
+    QTest::newRow("components compare as numbers") << QStringList{"7.10.0", "7.11.0", "7.11.0", "7.9.9"} << quiet;
+    QTest::newRow("minrunversion missing") << QStringList{"7.2.0", "", "7.2.0", "7.0.0"} << lines({"fail: 2036"});
+    QTest::newRow("minsetversion missing") << QStringList{"7.2.0", "7.0.0", "7.2.0", ""} << lines({"fail: 2036"});
+}
+
+void tst_DownloadChecks::versionRule()
+{
+    QFETCH(QStringList, versions);
+    QFETCH(QStringList, events);
+    auto line = [&](const char* key, int i) {
+        return versions[i].isEmpty() ? QByteArray() : QByteArray(key) + "=" + versions[i].toUtf8() + "\n";
+    };
+    QVERIFY(testenv::writeFile("proj/v7/version.ini", "[version]\n" + line("setversion", 0) + line("minrunversion", 1)));
+    QVERIFY(testenv::writeFile(m_panel->path("/usr/kavo_app/update.ini"),
+                               "[PREPARE]\n" + line("version", 2) + line("minsetversion", 3)));
+    QCOMPARE(m_download->checkVersion(), events.isEmpty());
+    QCOMPARE(m_download->events, events);
+}
+
+void tst_DownloadChecks::destination_data()
+{
+    // A "$" names an environment variable in place of the first character.
+    QTest::addColumn<QString>("desPath");
+    QTest::addColumn<QString>("expected"); // panel-side when absolute
+    QTest::newRow("x$Y drops the x") << "x$OPXDESC_Y/data" << "/dollar/data/";
+    QTest::newRow("unknown variable") << "$OPXDESC_NONE/data" << "data/";
+    QTest::newRow("unknown variable alone") << "$OPXDESC_NONE" << "";
+    QTest::newRow("prefix match, environment order") << "$OPXDESC_USR/bin" << "/usr/longer/bin/";
+    QTest::newRow("value cut at its own =") << "$OPXDESC_EQ/x" << "/a/x/";
+}
+
+void tst_DownloadChecks::destination()
+{
+    QFETCH(QString, desPath);
+    QFETCH(QString, expected);
+    // New variables go to the end of the environment in this order.
+    for (const char* name : {"OPXDESC_USRDIR", "OPXDESC_USR", "$OPXDESC_Y", "OPXDESC_Y", "OPXDESC_EQ"})
+        qunsetenv(name);
+    qputenv("OPXDESC_USRDIR", "/usr/longer");
+    qputenv("OPXDESC_USR", "/usr/exact");
+    qputenv("$OPXDESC_Y", "/dollar");
+    qputenv("OPXDESC_Y", "/without-dollar");
+    qputenv("OPXDESC_EQ", "/a=b");
+    QVERIFY(testenv::writeFile("proj/v7/project.ini", "[GLOBAL]\nOPXPlatform=10\nOPXName=KP\nVERSION=1\nFILENUM=1\n"
+                                                      "[FILE1]\nNAME=a\nDESPATH=" + desPath.toUtf8() + "\n"));
+    QVERIFY(m_download->parseIniFile("./proj/v7/project.ini"));
+    QCOMPARE(m_download->m_fileList.value(0).desPath, expected.startsWith('/') ? m_panel->path(expected) : expected);
+}
+
+void tst_DownloadChecks::sizeOf4GiBNeverMatches()
+{
+    QFile big("proj/big.bin");
+    QVERIFY(QDir().mkpath("proj") && big.open(QIODevice::WriteOnly));
+    if (!big.resize((Q_INT64_C(1) << 32) + 3))
+        QSKIP("the file system holding the stick cannot hold a sparse 4 GiB file");
+    big.close();
+    // The listed size is the real one modulo 4 GiB; no checksum, so the size decides.
+    m_download->m_fileList << FILE_INFO{"big.bin", QString(), 3, QString(), "./proj/"};
+    QVERIFY(!m_download->checkFileCRC(BEFORE_DOWNLOAD));
+    QCOMPARE(m_download->events, lines({"text: 2019"}));
+}
+
+void tst_DownloadChecks::md5sumOutput_data()
+{
+    // The installed runtime (1) or the package's copy (2), its [PREPARE]
+    // version, the MD5 list's name ("" none), the file changed after the list
+    // was made, the description ("unmarked": without the "#" mark, "emptyproduct").
+    QTest::addColumn<int>("which");
+    QTest::addColumn<QString>("version");
+    QTest::addColumn<QString>("listFile");
+    QTest::addColumn<QString>("damage");
+    QTest::addColumn<QString>("setup");
+    QTest::addColumn<bool>("result");
+    QTest::addColumn<QStringList>("events");
+    const QString v = "7.2.1";
+    const QString list = "version.7.2.1";
+    const QStringList none;
+    // md5sum closes a failed check with a summary line ("... did NOT match"):
+    // on the installed runtime a failure counts only when more output follows
+    // it; the package's copy reports its first failure, logger.ini too.
+    QTest::newRow("installed: damaged file") << 1 << v << list << "lib/libOPX.so" << "" << false << none;
+    QTest::newRow("package: logger.ini damaged") << 2 << v << list << "config/logger.ini" << "" << false
+                                                 << lines({"fail: 2068|config/logger.ini: FAILED"});
+    QTest::newRow("package: list missing") << 2 << v << "" << "" << "" << false << lines({"fail: 2066|version.7.2.1"});
+    QTest::newRow("package: description without mark") << 2 << v << list << "" << "unmarked" << false
+                                                        << lines({"fail: 2065"});
+    // Text from a description never reaches the shell as a command.
+    const QString quoted = "version.7.2.1'$(touch${IFS}pwned)'";
+    QTest::newRow("package: quote and command substitution, damaged file")
+        << 2 << "\"7.2.1'$(touch${IFS}pwned)'\"" << quoted << "bin/kavo_app" << "" << false
+        << lines({"fail: 2068|bin/kavo_app: FAILED"});
+    QTest::newRow("installed: command after a semicolon")
+        << 1 << "\"7.2.1;touch${IFS}pwned\"" << "version.7.2.1;touch${IFS}pwned" << "" << "" << true << none;
+}
+
+void tst_DownloadChecks::md5sumOutput()
+{
+    QFETCH(int, which);
+    QFETCH(QString, version);
+    QFETCH(QString, listFile);
+    QFETCH(QString, damage);
+    QFETCH(QString, setup);
+    QFETCH(bool, result);
+    QFETCH(QStringList, events);
+    const QString runtime = which == 1 ? m_panel->path("/usr/kavo_app")
+                                       : QDir::currentPath() + "/proj/KavoPro/v7/kavo_app";
+    QByteArray list;
+    for (auto it = kRuntimeFiles.cbegin(); it != kRuntimeFiles.cend(); ++it) {
+        QVERIFY(testenv::writeFile(runtime + '/' + it.key(), it.key() == damage ? "changed\n" : it.value()));
+        list += QCryptographicHash::hash(it.value(), QCryptographicHash::Md5).toHex() + "  " + it.key().toUtf8() + '\n';
+    }
+    if (!listFile.isEmpty())
+        QVERIFY(testenv::writeFile(runtime + '/' + listFile, list));
+    const QByteArray ini = (setup == "unmarked" ? "" : ";;;# runtime\n") + QByteArray("[PREPARE]\nversion=")
+                           + version.toUtf8() + (setup == "emptyproduct" ? "\nproduct=\n" : "\nproduct=KavoStu\n");
+    if (which == 2) {
+        QVERIFY(testenv::writeFile(m_stick->path() + "/clear.ini", ini));
+        QVERIFY(QSettingsFactory::encryptFile(m_stick->path() + "/clear.ini", runtime + "/update.ini"));
+    } else {
+        QVERIFY(testenv::writeFile(runtime + "/update.ini", ini));
+    }
+    const QString before = QDir::currentPath();
+
+    QCOMPARE(m_download->checkAppIntegrity(which == 1 ? INSTALLED_APP : PACKAGE_APP, runtime.toUtf8().constData()),
+             result);
+    QCOMPARE(m_download->events, events);
+    QVERIFY2(!QFile::exists(runtime + "/pwned"), "a command from the description ran");
+    QCOMPARE(m_download->m_panelProduct, QString(which == 1 ? "KavoStu" : "KavoPro"));
+    QCOMPARE(QDir::currentPath(), before);
+}
+
+void tst_DownloadChecks::projectArea_data()
+{
+    // need - (available - 4,194,303), the variant directory, whether the area is there.
+    QTest::addColumn<qint64>("shift");
+    QTest::addColumn<QString>("variant");
+    QTest::addColumn<bool>("areaPresent");
+    QTest::newRow("need one byte below the limit") << Q_INT64_C(-1) << "v7/" << true;
+    QTest::newRow("need equal to the limit") << Q_INT64_C(0) << "v7/" << true;
+    QTest::newRow("no variant: runtime copy not counted") << Q_INT64_C(-1) << "" << true;
+    QTest::newRow("missing project area created and counted") << Q_INT64_C(-1) << "v7/" << false;
+}
+
+void tst_DownloadChecks::projectArea()
+{
+    QFETCH(qint64, shift);
+    QFETCH(QString, variant);
+    QFETCH(bool, areaPresent);
+    const QString app = m_panel->path("/usr/kavo_app");
+    const QString why = mountTmpfs(app, "16m");
+    if (!why.isEmpty())
+        QSKIP(qPrintable(why));
+    const QString area = app + "/project";
+    const QString fonts = app + "/font";
+    if (areaPresent)
+        QVERIFY(writeSized(area + "/#BKCompreProj.bin", 300000) && writeSized(area + "/res/setup.ini", 900));
+    QVERIFY(writeSized(fonts + "/simsun.ttf", 200000) && writeSized(fonts + "/fontdir/fonts.dir", 3000));
+    QVERIFY(writeSized(fonts + "/project.ttf", 50000));
+    // User files and a runtime copy far larger than the area: counting either shows.
+    const QString prefix = "proj/" + variant;
+    QVERIFY(writeSized(prefix + "project.bin", 1000) && writeSized(prefix + "DownLoadFile/user.bin", 64 << 20));
+    QVERIFY(writeSized("proj/KavoPro/" + variant + "kavo_app/bin/kavo_app", 64 << 20));
+    // A directory made later in the area measures like any new directory there.
+    qint64 areaSize = treeSize(area);
+    if (!areaPresent) {
+        QVERIFY(QDir().mkdir(app + "/scratch"));
+        areaSize = statSize(app + "/scratch");
+        QVERIFY(QDir().rmdir(app + "/scratch"));
+    }
+    // The old project and the fonts other than the panel's own count as free.
+    const qint64 free = QStorageInfo(app).bytesAvailable();
+    const qint64 available = free - 2048 + areaSize + treeSize(fonts) - treeSize(fonts + "/simsun.ttf")
+                             - treeSize(fonts + "/fontdir");
+    const auto need = [&] {
+        return treeSize(prefix) - treeSize(prefix + "DownLoadFile")
+               - (variant.isEmpty() ? treeSize("proj/KavoPro") : 0);
+    };
+    const qint64 target = available - 4194303 + shift;
+    QVERIFY(growBy(prefix + "project.bin", target - need()));
+    QCOMPARE(need(), target);
+    m_download->m_variantDir = variant;
+
+    QCOMPARE(m_download->isDiskSpaceEnough(), shift < 0);
+    QVERIFY(m_download->events.isEmpty() && QFileInfo(area).isDir());
+    QCOMPARE(treeSize(area), areaSize);
+    QCOMPARE(QStorageInfo(app).bytesAvailable(), free);
+}
+
+void tst_DownloadChecks::userFileArea_data()
+{
+    // The clear flag, need - (free - 2 MiB [+ used when clearing]), what the
+    // check says; the old user files stay.
+    QTest::addColumn<bool>("clear");
+    QTest::addColumn<qint64>("shift");
+    QTest::addColumn<bool>("result");
+    QTest::addColumn<QStringList>("events");
+    QTest::addColumn<bool>("kept");
+    const QStringList cleared = lines({"text: 2046", "text: 2047"});
+    QTest::newRow("flag clear: need equals free") << false << Q_INT64_C(0) << true << QStringList() << true;
+    QTest::newRow("flag clear: need one byte over free") << false << Q_INT64_C(1) << false << QStringList() << true;
+    QTest::newRow("flag set: need equals used plus free") << true << Q_INT64_C(0) << true << cleared << false;
+    QTest::newRow("flag set: free alone suffices, still cleared") << true << Q_INT64_C(-1100000) << true << cleared
+                                                                  << false;
+    // Nothing is deleted when clearing would not make room.
+    QTest::newRow("flag set: one byte over used plus free") << true << Q_INT64_C(1) << false << QStringList() << true;
+}
+
+void tst_DownloadChecks::userFileArea()
+{
+    QFETCH(bool, clear);
+    QFETCH(qint64, shift);
+    QFETCH(bool, result);
+    QFETCH(QStringList, events);
+    QFETCH(bool, kept);
+    const QString why = mountTmpfs(m_panel->path("/data"), "4m");
+    if (!why.isEmpty())
+        QSKIP(qPrintable(why));
+    const QString area = m_panel->path("/data/userfile");
+    QVERIFY(testenv::writeFile(area + "/old/a.bin", QByteArray(1 << 20, 'o')));
+    QVERIFY(testenv::writeFile(area + "/b.txt", QByteArray(5000, 'b')));
+    const QString user = "proj/v7/DownLoadFile";
+    QVERIFY(writeSized(user + "/data/user.bin", 100) && writeSized("proj/v7/project.bin", 100));
+    const qint64 free = QStorageInfo(area).bytesAvailable() - 2097152;
+    const qint64 target = (clear ? free + treeSize(area) : free) + shift;
+    QVERIFY(growBy(user + "/data/user.bin", target - treeSize(user)));
+    QCOMPARE(treeSize(user), target);
+    m_download->m_clearUserDir = clear;
+
+    QCOMPARE(m_download->checkUserFileArea(), result);
+    QCOMPARE(m_download->events, events);
+    QCOMPARE(QFile::exists(area + "/old/a.bin"), kept);
+    QVERIFY(QFileInfo(area).isDir());
+}
+
+// Runs the tests again inside a private mount namespace when one can be made.
+int main(int argc, char** argv)
+{
+    if (!qEnvironmentVariableIsSet(kPrivateMounts)) {
+        std::vector<const char*> command{"unshare"};
+        if (geteuid() != 0)
+            command.insert(command.end(), {"--user", "--map-root-user"});
+        command.insert(command.end(), {"--mount", "--propagation", "private"});
+        QByteArray probe;
+        for (const char* word : command)
+            probe += QByteArray(word) + ' ';
+        char self[4096] = {};
+        if (std::system((probe + "true >/dev/null 2>&1").constData()) == 0
+            && readlink("/proc/self/exe", self, sizeof self - 1) > 0) {
+            qputenv(kPrivateMounts, "1");
+            command.push_back(self);
+            command.insert(command.end(), argv + 1, argv + argc);
+            command.push_back(nullptr);
+            execvp(command[0], const_cast<char* const*>(command.data()));
+            perror("unshare");
+            return 1;
+        }
+        qputenv(kPrivateMounts, "0");
+    }
+    QCoreApplication app(argc, argv);
+    tst_DownloadChecks test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_downloadchecks.moc"
