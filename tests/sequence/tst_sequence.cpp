@@ -15,7 +15,6 @@
 #include <QTextEdit>
 #include <QtTest>
 
-#include <functional>
 #include <memory>
 
 namespace {
@@ -47,29 +46,38 @@ QMap<QString, QByteArray> panelFiles(const QString& root)
     return files;
 }
 
-// A run where the operator answers the one box the runtime check shows.
-struct Question
-{
-    kit::ProjectSpec project;
-    // Changes the stick (first argument) and the panel root (second) before the run.
-    std::function<void(const QString&, const QString&)> edit;
-    bool yes = true;
-    QString box;       // "title|text" of the box the operator sees; empty: none
-    QStringList tail;  // the pane after the installed runtime's check
-    bool handedOver = false;
-};
-
 const QString kCopy = QStringLiteral("/proj/KavoPro/v7/kavo_app");
 
-void writeRuntimeIni(const QString& path, const QByteArray& version, const QByteArray& product = "KavoPro")
+// Prepares a runtime question: "damaged" (the installed runtime), "installed
+// VERSION|PRODUCT" (its description; its MD5 list is named by the version's
+// first word), "copy VERSION|PRODUCT" (the package's runtime copy's scrambled
+// description), "rm PATH", "write PATH|TEXT", "mv PATH|PATH" (on the stick).
+void edit(const QString& step, const QString& stick, const QString& panel)
 {
-    QVERIFY(kit::writeScrambled(path, ";;;#\n[PREPARE]\nversion=" + version + "\nminsetversion=7.0.0\nproduct="
-                                          + product + "\n"));
+    const QString verb = step.section(' ', 0, 0);
+    const QStringList args = step.section(' ', 1).split('|');
+    const QByteArray version = args.value(0).toUtf8();
+    const QByteArray product = args.value(1, "KavoPro").toUtf8();
+    const QString dir = panel + "/usr/kavo_app/";
+    if (verb == "damaged") {
+        QVERIFY(testenv::writeFile(dir + "bin/kavo_app", "damaged application\n"));
+    } else if (verb == "installed") {
+        QVERIFY(testenv::writeFile(dir + "update.ini", "[PREPARE]\nversion=" + version + "\nminsetversion=7.0.0\nproduct=" + product + "\n"));
+        const QString list = dir + "version." + version.split(' ').value(0);
+        QVERIFY(QFile::exists(list) || QFile::copy(dir + "version.7.2.1", list));
+    } else if (verb == "copy") {
+        QVERIFY(kit::writeScrambled(stick + kCopy + "/update.ini",
+                                    ";;;#\n[PREPARE]\nversion=" + version + "\nminsetversion=7.0.0\nproduct=" + product + "\n"));
+    } else if (verb == "rm") {
+        QVERIFY(QFile::remove(stick + args[0]));
+    } else if (verb == "write") {
+        QVERIFY(testenv::writeFile(stick + args[0], args[1].toUtf8()));
+    } else {
+        QVERIFY(QDir().mkpath(QFileInfo(stick + args[1]).path()) && QDir().rename(stick + args[0], stick + args[1]));
+    }
 }
 
 } // namespace
-
-Q_DECLARE_METATYPE(Question)
 
 class tst_sequence : public QObject
 {
@@ -131,132 +139,99 @@ std::unique_ptr<dlgDownLoad> tst_sequence::prepare(const kit::ProjectSpec& proje
 
 void tst_sequence::runtimeQuestions_data()
 {
-    QTest::addColumn<Question>("run");
-    const auto row = [](const char* tag, bool yes, const QString& box, const QStringList& tail, bool handedOver,
-                        const std::function<void(const QString&, const QString&)>& edit) {
-        Question q;
-        q.project.variant = "v7";
-        q.project.withRuntime = true;
-        q.project.runtime.version = "7.3.0";
-        q.yes = yes;
-        q.box = box;
-        q.tail = tail;
-        q.handedOver = handedOver;
-        q.edit = edit;
-        QTest::newRow(tag) << q;
-    };
-    const auto damageInstalled = [](const QString&, const QString& panel) {
-        QVERIFY(testenv::writeFile(panel + "/usr/kavo_app/bin/kavo_app", "damaged application\n"));
-    };
-    const auto installedVersion = [](const QByteArray& version, const QByteArray& product = "KavoPro") {
-        // The installed runtime stays sound: its MD5 list is named by the version's first word.
-        return [=](const QString&, const QString& panel) {
-            const QString dir = panel + "/usr/kavo_app/";
-            QVERIFY(testenv::writeFile(dir + "update.ini", "[PREPARE]\nversion=" + version
-                                                               + "\nminsetversion=7.0.0\nproduct=" + product + "\n"));
-            const QString list = dir + "version." + version.split(' ').value(0);
-            QVERIFY(QFile::exists(list) || QFile::copy(dir + "version.7.2.1", list));
-        };
-    };
-    const auto copyVersion = [](const QByteArray& version) {
-        return [=](const QString& stick, const QString&) { writeRuntimeIni(stick + kCopy + "/update.ini", version); };
-    };
+    QTest::addColumn<QStringList>("edits"); // see edit()
+    QTest::addColumn<bool>("yes");          // the operator's answer
+    QTest::addColumn<QString>("box");       // "title|text" of the one box the operator sees; empty: none
+    QTest::addColumn<QStringList>("tail");  // the pane after the installed runtime's check
+    QTest::addColumn<bool>("handedOver");   // the updater was started and the dialog closed
+
     const QString damaged = msg(2034) + '|' + msg(2116);
     const QString newer = msg(2034) + '|' + msg(2033).arg("7.2.1", "7.3.0");
     const QString unreadable = msg(2030) + '|' + msg(2031);
-    const QString none;
-
-    row("damaged runtime, no update", false, damaged, texts({2115}), false, damageInstalled);
+    const QStringList done = downloaded();
+    const auto row = [](const char* tag, const QStringList& edits, bool yes) -> QTestData& {
+        return QTest::newRow(tag) << edits << yes;
+    };
+    row("damaged runtime, no update", {"damaged"}, false) << damaged << texts({2115}) << false;
     // Without both the series' updater and the helper nothing can be updated.
-    row("damaged runtime, no updater of the series", true, none, texts({2115}), false, [=](const QString& s, const QString& p) {
-        damageInstalled(s, p);
-        QVERIFY(QFile::remove(s + "/proj/KavoPro/opxupdateu.bin"));
-    });
-    row("damaged runtime, damaged copy", true, damaged, QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)},
-        false, [=](const QString& s, const QString& p) {
-            damageInstalled(s, p);
-            QVERIFY(testenv::writeFile(s + kCopy + "/lib/libkavo.so", "another library\n"));
-        });
-    row("damaged runtime, copy of empty product", true, damaged, texts({2041}), false, [=](const QString& s, const QString& p) {
-        damageInstalled(s, p);
-        writeRuntimeIni(s + kCopy + "/update.ini", "7.3.0", "");
-    });
-    row("damaged runtime, copy of a series in other case", true, damaged, texts({2042}), false,
-        [=](const QString& s, const QString& p) {
-            damageInstalled(s, p);
-            writeRuntimeIni(s + kCopy + "/update.ini", "7.3.0", "kavopro");
-        });
-    row("damaged runtime, updated", true, damaged, downloaded(), true, damageInstalled);
-    row("newer runtime, updated", true, newer, downloaded(), true, {});
-    row("newer runtime, project only", false, newer, downloaded(), false, {});
-    row("newer runtime, no helper", true, none, downloaded(), false,
-        [](const QString& s, const QString&) { QVERIFY(QFile::remove(s + "/opxupdateu/helper/opxupdateu_helper.bin")); });
+    row("damaged runtime, no updater of the series", {"damaged", "rm /proj/KavoPro/opxupdateu.bin"}, true)
+        << "" << texts({2115}) << false;
+    row("damaged runtime, damaged copy", {"damaged", "write " + kCopy + "/lib/libkavo.so|another\n"}, true)
+        << damaged << QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)} << false;
+    row("damaged runtime, copy of empty product", {"damaged", "copy 7.3.0|"}, true) << damaged << texts({2041}) << false;
+    row("damaged runtime, copy of a series in other case", {"damaged", "copy 7.3.0|kavopro"}, true)
+        << damaged << texts({2042}) << false;
+    row("damaged runtime, updated", {"damaged"}, true) << damaged << done << true;
+    row("newer runtime, updated", {}, true) << newer << done << true;
+    row("newer runtime, project only", {}, false) << newer << done << false;
+    row("newer runtime, no helper", {"rm /opxupdateu/helper/opxupdateu_helper.bin"}, true) << "" << done << false;
     // Versions compare as text, the first word of each.
-    row("equal versions", true, none, downloaded(), false, installedVersion("7.3.0"));
-    row("7.10.0 is older than 7.9.0 as text", true, none, downloaded(), false,
-        [=](const QString& s, const QString& p) {
-            installedVersion("7.9.0")(s, p);
-            copyVersion("7.10.0")(s, p);
-        });
-    row("versions with further words", true, newer, downloaded(), true, [=](const QString& s, const QString& p) {
-        installedVersion("7.2.1 build3")(s, p);
-        copyVersion("  7.3.0   build5 ")(s, p);
-    });
-    row("installed description without a version, series in other case", false,
-        msg(2034) + '|' + msg(2032).arg("7.3.0"), texts({2022, 2028, 2035, 2036}), false, installedVersion("", "kavopro"));
+    row("equal versions", {"installed 7.3.0"}, true) << "" << done << false;
+    row("7.10.0 is older than 7.9.0 as text", {"installed 7.9.0", "copy 7.10.0"}, true) << "" << done << false;
+    row("versions with further words", {"installed 7.2.1 build3", "copy   7.3.0   build5 "}, true)
+        << newer << done << true;
+    row("installed runtime without a version, series in other case", {"installed |kavopro"}, false)
+        << msg(2034) + '|' + msg(2032).arg("7.3.0") << texts({2022, 2028, 2035, 2036}) << false;
     // Another series on the panel is always asked, whatever the versions.
-    row("panel of another series", false, msg(2034) + '|' + msg(2108).arg("KavoStu", "KavoPro 7.3.0"),
-        texts({2022}) << msg(2109).arg("KavoStu", "KavoPro", "KavoPro"), false, installedVersion("7.9.0", "KavoStu"));
-    row("unreadable runtime copy, project only", true, unreadable, downloaded(), false,
-        [](const QString& s, const QString&) { QVERIFY(testenv::writeFile(s + kCopy + "/update.ini", "[PREPARE]\nversion=7.3.0\n")); });
-    row("runtime copy of another variant, cancelled", false, unreadable, texts({2026}), false, [](const QString& s, const QString&) {
-        QVERIFY(QDir().mkpath(s + "/proj/KavoPro/v5") && QDir().rename(s + kCopy, s + "/proj/KavoPro/v5/kavo_app"));
-    });
-    row("blank runtime copy version, cancelled", false, unreadable, texts({2026}), false, copyVersion("   "));
+    row("panel of another series", {"installed 7.9.0|KavoStu"}, false)
+        << msg(2034) + '|' + msg(2108).arg("KavoStu", "KavoPro 7.3.0")
+        << (texts({2022}) << msg(2109).arg("KavoStu", "KavoPro", "KavoPro")) << false;
+    row("unscrambled runtime copy, project only", {"write " + kCopy + "/update.ini|[PREPARE]\nversion=7.3.0\n"}, true)
+        << unreadable << done << false;
+    row("runtime copy of another variant, cancelled", {"mv " + kCopy + "|/proj/KavoPro/v5/kavo_app"}, false)
+        << unreadable << texts({2026}) << false;
+    row("blank runtime copy version, cancelled", {"copy    "}, false) << unreadable << texts({2026}) << false;
 }
 
 void tst_sequence::runtimeQuestions()
 {
-    QFETCH(Question, run);
-    std::unique_ptr<dlgDownLoad> dialog = prepare(run.project);
+    QFETCH(QStringList, edits);
+    QFETCH(bool, yes);
+    QFETCH(QString, box);
+    QFETCH(QStringList, tail);
+    QFETCH(bool, handedOver);
+    kit::ProjectSpec project;
+    project.variant = "v7";
+    project.withRuntime = true;
+    project.runtime.version = "7.3.0";
+    std::unique_ptr<dlgDownLoad> dialog = prepare(project);
     QVERIFY(dialog);
-    if (run.edit)
-        run.edit(m_stick->path(), m_panel->root());
+    for (const QString& step : edits)
+        edit(step, m_stick->path(), m_panel->root());
     const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
 
     dialog->show();
     QVERIFY(QTest::qWaitForWindowExposed(dialog.get()));
     {
-        testenv::BoxAnswerer answerer({run.yes ? QMessageBox::Yes : QMessageBox::No}, QMessageBox::No);
+        testenv::BoxAnswerer answerer({yes ? QMessageBox::Yes : QMessageBox::No}, QMessageBox::No);
         dialog->clickedStartBt();
-        QCOMPARE(answerer.seen().size(), run.box.isEmpty() ? 0 : 1);
+        QCOMPARE(answerer.seen().size(), box.isEmpty() ? 0 : 1);
         for (const testenv::SeenBox& seen : answerer.seen()) {
-            QCOMPARE(seen.title + '|' + seen.text, run.box);
+            QCOMPARE(seen.title + '|' + seen.text, box);
             QCOMPARE(seen.buttons, (QStringList{msg(1004), msg(1005)}));
             QCOMPARE(seen.icon, seen.title == msg(2034) ? QMessageBox::Question : QMessageBox::Information);
             QVERIFY(seen.flags & Qt::WindowStaysOnTopHint);
         }
     }
-
-    QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + run.tail).join('\n'));
-    const bool downloaded = run.tail.last() == msg(2059) + '\n';
-    if (downloaded)
+    QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
+    const bool done = tail.last() == msg(2059) + '\n';
+    if (done)
         QCOMPARE(testenv::readFile(m_panel->path("/usr/kavo_app/project/project.bin")), QByteArray("the new project\n"));
     else
         QCOMPARE(panelFiles(m_panel->root()), before);
-    QCOMPARE(dialog->isCountingDown(), downloaded);
-    QCOMPARE(dialog->isVisible(), !run.handedOver);
+    QCOMPARE(dialog->isCountingDown(), done);
+    QCOMPARE(dialog->isVisible(), !handedOver);
     dialog.reset();
 
     const QString recorded = m_panel->path("/tmp/updater.args");
-    if (run.handedOver) {
-        QTRY_VERIFY(QFile::exists(recorded));
-        QCOMPARE(QString::fromUtf8(testenv::readFile(recorded)),
-                 QStringLiteral("-project %1/ proj\n-product KavoPro\n-lanID 0003\n").arg(m_stick->path()));
-    } else {
+    if (!handedOver) {
         QTest::qWait(100);
         QVERIFY(!QFile::exists(recorded));
+        return;
     }
+    QTRY_VERIFY(QFile::exists(recorded));
+    QCOMPARE(QString::fromUtf8(testenv::readFile(recorded)),
+             QStringLiteral("-project %1/ proj\n-product KavoPro\n-lanID 0003\n").arg(m_stick->path()));
 }
 
 void tst_sequence::stopMidway_data()
