@@ -241,6 +241,10 @@ void tst_download_e2e::download_data()
             s.project.scrambledIni = true;
             s.project.clearAlarm = true;
             s.project.clearInitValue = true;
+            // Version parts compare as numbers.
+            s.panel.runtime = {"7.11.0", "7.9.9"};
+            s.project.setVersion = "7.10.0";
+            s.project.minRunVersion = "7.11.0";
             // Exactly the data partition's size in MiB and this machine's cores.
             s.project.diskCapacity = QString::number(dataMiB());
             s.project.cpuCore = QString::number(get_nprocs());
@@ -345,13 +349,20 @@ void tst_download_e2e::download_data()
             s.panel.runtime.product = "KavoStu";
             s.project.product = "KavoStu";
         });
-    // "platform=" names no platform, so it restricts none.
+    // "platform=" names no platform, so it restricts none. The runtime is newer and accepts the project.
     row("hardware: empty platform list", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
         s.project.hardwarePlatforms = QStringList{QString()};
+        s.panel.runtime.version = "7.3.0";
+        s.project.setVersion = "7.2.0";
+        s.project.minRunVersion = "7.5.0";
         s.changes = replaced(s.project);
     });
     // Only the groups the description holds are files, whatever count it names.
+    // The project is newer and runs on the runtime.
     row("description: file count far beyond its groups", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
+        s.panel.runtime = {"7.2.0", "7.9.0"};
+        s.project.setVersion = "7.4.0";
+        s.project.minRunVersion = "7.1.0";
         s.edits.insert("stick/proj/project.ini",
                        kit::projectIniText(s.project).replace("FILENUM=2\n", "FILENUM=2147483647\n")
                            + "[FILE03]\nNAME=a\n[FILE0]\nNAME=b\n[FILE4x]\nNAME=c\n[file5]\nNAME=d\n");
@@ -376,6 +387,9 @@ void tst_download_e2e::download_data()
         s.panel.runtime.product = "kavopro";
         s.project.setVersion = QString();
     });
+    row("minrunversion missing", texts(kToVersions) << msg(2036), [](Scenario& s) { s.project.minRunVersion = QString(); });
+    row("minsetversion missing", texts(kToVersions) << msg(2036),
+        [](Scenario& s) { s.panel.runtime.minSetVersion = QString(); });
     row("design environment too old",
         texts(kToVersions) << QStringLiteral("组态环境版本不匹配，请升级组态环境至7.3.0版本！"), [](Scenario& s) {
             s.panel.runtime.version = "7.3.0";

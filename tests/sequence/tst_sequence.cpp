@@ -158,6 +158,14 @@ void tst_sequence::runtimeQuestions_data()
         << "" << texts({2115}) << false;
     row("damaged runtime, damaged copy", {"damaged", "write " + kCopy + "/lib/libkavo.so|another\n"}, true)
         << damaged << QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)} << false;
+    // The copy's first failure is reported, logger.ini too.
+    row("damaged runtime, copy's logger.ini changed", {"damaged", "write " + kCopy + "/config/logger.ini|changed\n"}, true)
+        << damaged << QStringList{msg(2068).arg("config/logger.ini: FAILED"), msg(2040)} << false;
+    row("damaged runtime, copy without its list", {"damaged", "rm " + kCopy + "/version.7.3.0"}, true)
+        << damaged << QStringList{msg(2066).arg("version.7.3.0"), msg(2040)} << false;
+    row("damaged runtime, copy's description unscrambled",
+        {"damaged", "write " + kCopy + "/update.ini|;;;#\n[PREPARE]\nversion=7.3.0\n"}, true)
+        << damaged << texts({2065, 2040}) << false;
     row("damaged runtime, copy of empty product", {"damaged", "copy 7.3.0|"}, true) << damaged << texts({2041}) << false;
     row("damaged runtime, copy of a series in other case", {"damaged", "copy 7.3.0|kavopro"}, true)
         << damaged << texts({2042}) << false;
