@@ -1,13 +1,14 @@
 // The download sequence in process, where the operator has a say: the runtime
 // update questions and what each answer leads to, the hand-over to the runtime
-// updater, the stop, start and restart buttons while the sequence runs, and
-// scrambled descriptions read one after the other.
+// updater, the stop, start and restart buttons pressed while the sequence
+// runs, and scrambled descriptions read one after the other.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
 #include "boxanswerer.h"
+#include "dialogprobe.h"
 #include "testenv.h"
 
 #include <QApplication>
@@ -88,8 +89,6 @@ private slots:
     void cleanup();
     void runtimeQuestions_data();
     void runtimeQuestions();
-    void stopMidway_data();
-    void stopMidway();
     void scrambledDescriptionsInTurn();
 
 private:
@@ -141,6 +140,10 @@ void tst_sequence::runtimeQuestions_data()
 {
     QTest::addColumn<QStringList>("edits"); // see edit()
     QTest::addColumn<bool>("yes");          // the operator's answer
+    // Buttons pressed in one go once the pane shows line 2044 ("disk check")
+    // or the first file has begun ("copy"), as "WHEN:BUTTON,BUTTON"; the
+    // project then begins with a large file and clears the user file area.
+    QTest::addColumn<QString>("presses");
     QTest::addColumn<QString>("box");       // "title|text" of the one box the operator sees; empty: none
     QTest::addColumn<QStringList>("tail");  // the pane after the installed runtime's check
     QTest::addColumn<bool>("handedOver");   // the updater was started and the dialog closed
@@ -149,9 +152,18 @@ void tst_sequence::runtimeQuestions_data()
     const QString newer = msg(2034) + '|' + msg(2033).arg("7.2.1", "7.3.0");
     const QString unreadable = msg(2030) + '|' + msg(2031);
     const QStringList done = downloaded();
-    const auto row = [](const char* tag, const QStringList& edits, bool yes) -> QTestData& {
-        return QTest::newRow(tag) << edits << yes;
+    const auto row = [](const char* tag, const QStringList& edits, bool yes, const char* presses = "") -> QTestData& {
+        return QTest::newRow(tag) << edits << yes << QString(presses);
     };
+    // Nothing has been deleted yet at the disk check: the run ends where it is.
+    // The copy sees the stop within its block; neither the restart nor the start
+    // pressed meanwhile may start anything, nor a reboot be tried.
+    const QStringList toDisk = texts({2022, 2028, 2035, 2039, 2044});
+    row("stop during the disk check", {"copy 7.2.1"}, true, "disk check:btnStop") << "" << toDisk + texts({2060}) << false;
+    row("stop, then start during the disk check", {"copy 7.2.1"}, true, "disk check:btnStop,btnStart")
+        << "" << toDisk + texts({2060}) << false;
+    row("restart, stop, restart, start during the copy", {"copy 7.2.1"}, true, "copy:btnRestart,btnStop,btnRestart,btnStart")
+        << "" << toDisk + texts({2046, 2047, 2050, 2051, 2053, 2060, 2055}) << false;
     row("damaged runtime, no update", {"damaged"}, false) << damaged << texts({2115}) << false;
     // Without both the series' updater and the helper nothing can be updated.
     row("damaged runtime, no updater of the series", {"damaged", "rm /proj/KavoPro/opxupdateu.bin"}, true)
@@ -195,6 +207,7 @@ void tst_sequence::runtimeQuestions()
 {
     QFETCH(QStringList, edits);
     QFETCH(bool, yes);
+    QFETCH(QString, presses);
     QFETCH(QString, box);
     QFETCH(QStringList, tail);
     QFETCH(bool, handedOver);
@@ -202,17 +215,37 @@ void tst_sequence::runtimeQuestions()
     project.variant = "v7";
     project.withRuntime = true;
     project.runtime.version = "7.3.0";
+    project.clearUserDir = !presses.isEmpty();
+    if (project.clearUserDir)
+        project.files.prepend(kit::PackageFile{"large.bin", QByteArray(16 << 20, 'x'), "/usr/kavo_app/project"});
     std::unique_ptr<dlgDownLoad> dialog = prepare(project);
     QVERIFY(dialog);
     for (const QString& step : edits)
         edit(step, m_stick->path(), m_panel->root());
     const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
+    const QString large = m_panel->path("/usr/kavo_app/project/large.bin");
+    const bool duringCopy = presses.startsWith("copy");
+    bool pressed = false;
+    QTimer press;
+    connect(&press, &QTimer::timeout, [&] {
+        if (pressed || !(duringCopy ? QFileInfo(large).size() > 0 : paneText(*dialog).endsWith(msg(2044))))
+            return;
+        pressed = true;
+        // click() works on disabled buttons too: what a button does when it
+        // can be pressed is the sequence's business, not the button state's.
+        for (const QString& name : presses.section(':', 1).split(','))
+            QMetaObject::invokeMethod(dialog->findChild<QPushButton*>(name), "clicked");
+    });
+    if (!presses.isEmpty())
+        press.start(0);
 
     dialog->show();
     QVERIFY(QTest::qWaitForWindowExposed(dialog.get()));
     {
         testenv::BoxAnswerer answerer({yes ? QMessageBox::Yes : QMessageBox::No}, QMessageBox::No);
         dialog->clickedStartBt();
+        press.stop();
+        QCOMPARE(pressed, !presses.isEmpty());
         QCOMPARE(answerer.seen().size(), box.isEmpty() ? 0 : 1);
         for (const testenv::SeenBox& seen : answerer.seen()) {
             QCOMPARE(seen.title + '|' + seen.text, box);
@@ -223,10 +256,17 @@ void tst_sequence::runtimeQuestions()
     }
     QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
     const bool done = tail.last() == msg(2059) + '\n';
-    if (done)
+    if (done) {
         QCOMPARE(testenv::readFile(m_panel->path("/usr/kavo_app/project/project.bin")), QByteArray("the new project\n"));
-    else
+    } else if (duringCopy) {
+        // The copy ended inside the first file: nothing after it was written.
+        QVERIFY(!QFile::exists(m_panel->path("/usr/kavo_app/project/context.dat")));
+        QVERIFY(QFileInfo(large).size() < (16 << 20));
+    } else {
         QCOMPARE(panelFiles(m_panel->root()), before);
+    }
+    if (pressed)
+        QCOMPARE(testenv::enabledButtons(*dialog, {"btnStart", "btnStop"}), QStringLiteral("10"));
     QCOMPARE(dialog->isCountingDown(), done);
     QCOMPARE(dialog->isVisible(), !handedOver);
     dialog.reset();
@@ -240,72 +280,6 @@ void tst_sequence::runtimeQuestions()
     QTRY_VERIFY(QFile::exists(recorded));
     QCOMPARE(QString::fromUtf8(testenv::readFile(recorded)),
              QStringLiteral("-project %1/ proj\n-product KavoPro\n-lanID 0003\n").arg(m_stick->path()));
-}
-
-void tst_sequence::stopMidway_data()
-{
-    QTest::addColumn<QString>("when");      // "disk check": at line 2044; "copy": once the first file has begun
-    QTest::addColumn<QStringList>("presses"); // buttons pressed then, in one go
-    QTest::addColumn<QStringList>("tail");    // the pane after the version check
-
-    const QStringList toDisk = texts({2022, 2028, 2035, 2039, 2044});
-    // Nothing has been deleted yet: the run ends where it is.
-    QTest::newRow("stop during the disk check") << "disk check" << QStringList{"btnStop"} << toDisk + texts({2060});
-    QTest::newRow("stop, then start during the disk check")
-        << "disk check" << QStringList{"btnStop", "btnStart"} << toDisk + texts({2060});
-    // The copy sees the stop within its block; neither the restart nor the
-    // start pressed meanwhile may start anything.
-    QTest::newRow("restart, stop, start during the copy")
-        << "copy" << QStringList{"btnRestart", "btnStop", "btnRestart", "btnStart"}
-        << toDisk + texts({2046, 2047, 2050, 2051, 2053, 2060, 2055});
-}
-
-void tst_sequence::stopMidway()
-{
-    QFETCH(QString, when);
-    QFETCH(QStringList, presses);
-    QFETCH(QStringList, tail);
-    kit::ProjectSpec project;
-    project.clearUserDir = true;
-    project.files.prepend(kit::PackageFile{"large.bin", QByteArray(16 << 20, 'x'), "/usr/kavo_app/project"});
-    std::unique_ptr<dlgDownLoad> dialog = prepare(project);
-    QVERIFY(dialog);
-    const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
-    const QString large = m_panel->path("/usr/kavo_app/project/large.bin");
-
-    bool pressed = false;
-    QTimer press;
-    connect(&press, &QTimer::timeout, [&] {
-        const bool now = when == QLatin1String("copy") ? QFileInfo(large).size() > 0
-                                                       : paneText(*dialog).endsWith(msg(2044));
-        if (!now || pressed)
-            return;
-        pressed = true;
-        // click() works on disabled buttons too: what a button does when it
-        // can be pressed is the sequence's business, not the button state's.
-        for (const QString& name : presses)
-            QMetaObject::invokeMethod(dialog->findChild<QPushButton*>(name), "clicked");
-    });
-    press.start(0);
-    testenv::BoxAnswerer answerer;
-    dialog->clickedStartBt();
-    press.stop();
-
-    QVERIFY(pressed);
-    QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
-    // No reboot was tried: it would have told its failure in a box.
-    QCOMPARE(answerer.seen().size(), 0);
-    QCOMPARE(dialog->windowTitle(), QStringLiteral("proj"));
-    QVERIFY(dialog->findChild<QPushButton*>(QStringLiteral("btnStart"))->isEnabled());
-    QVERIFY(!dialog->findChild<QPushButton*>(QStringLiteral("btnStop"))->isEnabled());
-    if (when == QLatin1String("copy")) {
-        // The copy ended inside the first file: nothing after it was written.
-        QVERIFY(!QFile::exists(m_panel->path("/usr/kavo_app/project/context.dat")));
-        QVERIFY(QFileInfo(large).size() < (16 << 20));
-    } else {
-        // Neither the user file area nor the old project was touched.
-        QCOMPARE(panelFiles(m_panel->root()), before);
-    }
 }
 
 void tst_sequence::scrambledDescriptionsInTurn()
