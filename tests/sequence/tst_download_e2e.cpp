@@ -11,6 +11,7 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
+#include <csignal>
 #include <functional>
 
 #include <sys/stat.h>
@@ -36,6 +37,7 @@ struct Scenario
     // null text removes the entry, a path ending in "/" is made a directory.
     Tree edits;
     bool pullStick = false;   // the project leaves the stick once the copy starts
+    bool otherCopy = false;   // another copy of the package runs: it is stopped
     QStringList lines;        // the report after its marker, the success line last on success
     // The panel afterwards against before: a text is put there, a null text
     // removes the entry, and "DIR/*" removes everything below DIR.
@@ -432,33 +434,25 @@ void tst_download_e2e::download_data()
         s.project.files << PackageFile{"escaped.bin", "outside the panel\n", kProjectArea + "/../../../../escaped"};
         s.changes = replaced(s.project);
     });
-    // Where the report goes and in which language, on a project not on the stick:
-    // tag, arguments, report ("" beside "-p"), language setting.
-    const char* const reports[][4] = {
-        {"report in a new nested directory", "-s proj|-p ${OUT}/a/b", "${OUT}/a/b/pro_update_result.log", ""},
-        {"report beside the executable", "-s proj", "${EXE}/pro_update_result.log", ""},
-        {"-p and its directory as two arguments", "-s proj|-p|${OUT}", "${EXE}/pro_update_result.log", ""},
-        {"-qws among the arguments", "-qws|-s proj|-qws|-p ${OUT}", "", ""},
-        {"language given", "-s proj|-p ${OUT}|-lanID 0003", "", ""},
-        {"language of the panel", "-s proj|-p ${OUT}", "", "usr/kavo_app/project/lan_setup.ini"},
-        {"language of the package", "-s proj|-p ${OUT}", "", "stick/opxupdateu/config/proUpdateSet.ini"}};
-    for (const auto& r : reports) {
-        const bool ownLanguage = QByteArray(r[1]).contains("lanID") || *r[3];
-        row(r[0], ownLanguage ? QStringList{"Checking the package..."} + texts({2014, 2020}) : packageFailure(2014),
-            [=](Scenario& s) {
-                s.edits.insert("stick/proj", {});
-                s.args = QString(r[1]).split('|');
-                s.report = *r[2] ? r[2] : s.report;
-                if (!ownLanguage)
-                    return;
-                // Its failure marker and first line differ from the built-in ones.
-                s.marker = "[Failed]\n";
-                s.edits.insert("stick/opxupdateu/language/0003.lan",
-                               "[2107]\nstring = [Failed]\\n\n[2011]\nstring = Checking the package...\n");
-                if (*r[3])
-                    s.edits.insert(r[3], QByteArray(*r[3] == 'u' ? "[current_language]" : "[tool_language]") + "\ntype=3\n");
-            });
-    }
+    // A project not on the stick; a report in a directory still to be made, and
+    // one beside the executable in the package's language, whose failure
+    // marker and first line differ from the built-in ones.
+    row("report in a new nested directory, another copy running", packageFailure(2014), [](Scenario& s) {
+        s.edits.insert("stick/proj", {});
+        s.otherCopy = true;
+        s.args = QStringList{"-s proj", "-p ${OUT}/a/b"};
+        s.report = "${OUT}/a/b/pro_update_result.log";
+    });
+    row("report beside the executable, in the package's language",
+        QStringList{"Checking the package..."} + texts({2014, 2020}), [](Scenario& s) {
+            s.edits.insert({{"stick/proj", {}},
+                            {"stick/opxupdateu/language/0003.lan",
+                             "[2107]\nstring = [Failed]\\n\n[2011]\nstring = Checking the package...\n"},
+                            {"stick/opxupdateu/config/proUpdateSet.ini", "[tool_language]\ntype=3\n"}});
+            s.args = QStringList{"-s proj"};
+            s.report = "${EXE}/pro_update_result.log";
+            s.marker = "[Failed]\n";
+        });
     row("stick pulled during the copy", texts(kToDisk + kToCopy + QList<int>{2054, 2055}), [](Scenario& s) {
         s.pullStick = true;
         s.project.files.prepend(PackageFile{"large.bin", QByteArray(48 << 20, 'l'), kProjectArea});
@@ -525,6 +519,12 @@ void tst_download_e2e::download()
                     + arguments;
         program = "unshare";
     }
+    QProcess copy;
+    if (scenario.otherCopy) {
+        QVERIFY(QFile::copy("/bin/sleep", outDir.path() + "/opxupdateu_proj.bin"));
+        copy.start(outDir.path() + "/opxupdateu_proj.bin", {"600"});
+        QTRY_VERIFY(testenv::readFile(QStringLiteral("/proc/%1/cmdline").arg(copy.processId())).startsWith(outDir.path().toUtf8()));
+    }
     process.start(program, arguments);
     QVERIFY(process.waitForStarted());
 
@@ -541,6 +541,7 @@ void tst_download_e2e::download()
     const bool rebooted = success && scenario.exitCode == 0;
     QCOMPARE(process.exitStatus(), QProcess::NormalExit);
     QCOMPARE(process.exitCode(), scenario.exitCode);
+    QVERIFY(!scenario.otherCopy || (copy.waitForFinished(10000) && copy.exitCode() == SIGTERM));
     QCOMPARE(QString::fromUtf8(testenv::readFile(report)),
              (scenario.marker.isNull() ? msg(success ? 2106 : 2107) : scenario.marker) + scenario.lines.join('\n') + '\n');
 

@@ -1,13 +1,9 @@
-// The executable on its own: it stops a running copy of itself, and it starts
-// the display server from the stick when none answers. Its downloads are
-// tst_download_e2e's.
+// The executable starts the display server from the stick when none answers.
+// Its downloads, and its stop of other running copies, are tst_download_e2e's.
 #include "testenv.h"
 
 #include <QElapsedTimer>
 #include <QtTest>
-
-#include <csignal>
-#include <memory>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -18,37 +14,9 @@ class tst_executable : public QObject
     Q_OBJECT
 
 private slots:
-    void stopsOtherCopies();
     void displayServer_data();
     void displayServer();
 };
-
-// A running copy goes, and nothing merely named alike (the naming rules are tst_startup's).
-void tst_executable::stopsOtherCopies()
-{
-    QTemporaryDir decoys;
-    const QString copyName = decoys.path() + "/opxupdateu_proj.bin";
-    QVERIFY(QFile::copy("/bin/sleep", copyName) && QFile::copy("/bin/sleep", copyName + ".old"));
-    QProcess copy;
-    QProcess oldCopy;
-    copy.start(copyName, {"600"});
-    oldCopy.start(copyName + ".old", {"600"});
-    QVERIFY(copy.waitForStarted() && oldCopy.waitForStarted());
-    for (QProcess* process : {&copy, &oldCopy})
-        QTRY_VERIFY(testenv::readFile(QStringLiteral("/proc/%1/cmdline").arg(process->processId())).startsWith(copyName.toUtf8()));
-
-    testenv::TempPanel panel;
-    testenv::TempStick stick;
-    testenv::OptionSafeDir out;
-    QVERIFY(panel.isValid() && stick.isValid() && out.isValid());
-    QCOMPARE(testenv::runPackage(stick, panel.root(), {"-s proj", "-p " + out.path()}).exitCode, 0);
-    QVERIFY(copy.waitForFinished(10000));
-    QCOMPARE(copy.exitStatus(), QProcess::CrashExit);
-    QCOMPARE(copy.exitCode(), SIGTERM);
-    QCOMPARE(oldCopy.state(), QProcess::Running);
-    oldCopy.kill();
-    QVERIFY(oldCopy.waitForFinished());
-}
 
 void tst_executable::displayServer_data()
 {
