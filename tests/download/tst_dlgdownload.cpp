@@ -1,10 +1,8 @@
-// The download dialog: which stick directories it offers and how a touch
-// selects one, and one table of states and presses (buttons, close rules,
-// countdown, reboot and quit). The sequence behind it is tst_sequence's and
-// tst_download_e2e's.
+// The download dialog: which stick directories it offers, and one table of
+// states and presses (touch, buttons, close rules, countdown, reboot and
+// quit). The sequence behind it is tst_sequence's and tst_download_e2e's.
 #include "download/dlgdownload.h"
 #include "download/list_view.h"
-
 #include "frame/screensetting.h"
 #include "frame/winbackground.h"
 #include "frame/winsize.h"
@@ -18,7 +16,6 @@
 
 #include <cstring>
 #include <memory>
-
 #include <sys/time.h>
 
 namespace {
@@ -42,6 +39,24 @@ WinBackground* background()
     return found == widgets.end() ? nullptr : static_cast<WinBackground*>(*found);
 }
 
+// Touches the second project: the release selects it before the click
+// arrives, and the new choice undoes the quit button of an earlier failure.
+void touchSecond(dlgDownLoad& dialog)
+{
+    auto* list = child<list_view>(dialog, "listView");
+    child<QPushButton>(dialog, "btnRestart")->setText(msg(2010));
+    const QModelIndex second = list->model()->index(1, 0);
+    QStringList order;
+    QObject listening;
+    QObject::connect(list, &list_view::emitSelectInfo, &listening, [&](const QString& name) { order << "release:" + name; });
+    QObject::connect(list, &QListView::clicked, &listening, [&] { order << "clicked:" + dialog.windowTitle(); });
+    QTest::mouseClick(list->viewport(), Qt::LeftButton, Qt::NoModifier, list->visualRect(second).center());
+    const QString name = second.data().toString();
+    QCOMPARE(order, (QStringList{"release:" + name, "clicked:" + name}));
+    QCOMPARE(dialog.m_projectName + dialog.windowTitle(), name + name);
+    QCOMPARE(child<QPushButton>(dialog, "btnRestart")->text(), msg(2007));
+}
+
 } // namespace
 
 class TestDlgDownload : public QObject
@@ -55,7 +70,6 @@ private slots:
 
     void projectList_data();
     void projectList();
-    void touchSelectsProject();
     void presses_data();
     void presses();
 
@@ -93,33 +107,31 @@ void TestDlgDownload::cleanup()
 
 void TestDlgDownload::projectList_data()
 {
-    // Made on the stick ("/" ends a directory), "directory=seconds" times, the list.
+    // Made on the stick ("/" ends a directory, "DIR=SECONDS" sets its time), the list.
     QTest::addColumn<QStringList>("entries");
-    QTest::addColumn<QStringList>("mtimes");
     QTest::addColumn<QStringList>("expected");
-    QTest::newRow("no project") << QStringList{"e/", "o/v5/readme.txt", "context.dat", "U/Context.dat", "q/context.dat/"}
-                                << QStringList() << QStringList();
-    QTest::newRow("only in v7") << QStringList{"p/v7/context.dat"} << QStringList() << QStringList{"p"};
+    QTest::newRow("no project") << QStringList{"e/", "o/v5/readme.txt", "context.dat", "U/Context.dat", "q/context.dat/"} << QStringList();
+    QTest::newRow("only in v7") << QStringList{"p/v7/context.dat"} << QStringList{"p"};
     // The v5 tree decides when there is one, and a variant tree hides the top.
-    QTest::newRow("v5 decides, listed") << QStringList{"p/v5/context.dat", "p/v7/"} << QStringList() << QStringList{"p"};
-    QTest::newRow("v5 decides, not listed") << QStringList{"p/v5/", "p/v7/context.dat"} << QStringList() << QStringList();
-    QTest::newRow("variant hides the top") << QStringList{"p/context.dat", "p/v7/"} << QStringList() << QStringList();
+    QTest::newRow("v5 decides, listed") << QStringList{"p/v5/context.dat", "p/v7/"} << QStringList{"p"};
+    QTest::newRow("v5 decides, not listed") << QStringList{"p/v5/", "p/v7/context.dat"} << QStringList();
+    QTest::newRow("variant hides the top") << QStringList{"p/context.dat", "p/v7/"} << QStringList();
     QTest::newRow("newest first, updater skipped")
-        << QStringList{"a/context.dat", "b/v5/context.dat", "c/v7/context.dat", "opxupdateu/context.dat"}
-        << QStringList{"a=1500000000", "b=1700000000", "c=1600000000", "opxupdateu=1800000000"}
+        << QStringList{"a/context.dat", "b/v5/context.dat", "c/v7/context.dat", "opxupdateu/context.dat", "a=1500000000",
+                       "b=1700000000", "c=1600000000", "opxupdateu=1800000000"}
         << QStringList{"b", "c", "a"};
 }
 
 void TestDlgDownload::projectList()
 {
     QFETCH(QStringList, entries);
-    QFETCH(QStringList, mtimes);
     QFETCH(QStringList, expected);
-    for (const QString& entry : entries)
-        QVERIFY(entry.endsWith('/') ? QDir().mkpath(entry) : testenv::writeFile(entry, "x"));
-    for (const QString& mtime : mtimes) {
-        const timeval times[2] = {{mtime.section('=', 1).toLong(), 0}, {mtime.section('=', 1).toLong(), 0}};
-        QCOMPARE(utimes(QFile::encodeName(mtime.section('=', 0, 0)).constData(), times), 0);
+    for (const QString& entry : entries) {
+        const timeval time = {entry.section('=', 1).toLong(), 0};
+        const timeval times[2] = {time, time};
+        QVERIFY(entry.contains('=')      ? utimes(QFile::encodeName(entry.section('=', 0, 0)).constData(), times) == 0
+                : entry.endsWith('/') ? QDir().mkpath(entry)
+                                      : testenv::writeFile(entry, "x"));
     }
     // The list is the package root's, wherever the working directory is.
     QVERIFY(QDir::setCurrent(QDir::tempPath()));
@@ -137,38 +149,13 @@ void TestDlgDownload::projectList()
     QCOMPARE(testenv::enabledButtons(dialog, {"btnStart", "btnStop", "btnRestart"}), QStringLiteral("101"));
 }
 
-void TestDlgDownload::touchSelectsProject()
-{
-    QVERIFY(testenv::writeFile("first/context.dat", "x") && testenv::writeFile("second/context.dat", "x"));
-    dlgDownLoad dialog{QString(), QString()};
-    dialog.setPackageRoot(m_stick->path());
-    auto* list = child<list_view>(dialog, "listView");
-    auto* restart = child<QPushButton>(dialog, "btnRestart");
-    restart->setText(msg(2010));
-    dialog.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-
-    // The release selects, before the click arrives.
-    const QModelIndex second = list->model()->index(1, 0);
-    QStringList order;
-    connect(list, &list_view::emitSelectInfo, this, [&](const QString& name) { order << "release:" + name; });
-    connect(list, &QListView::clicked, this, [&] { order << "clicked:" + dialog.windowTitle(); });
-    QTest::mouseClick(list->viewport(), Qt::LeftButton, Qt::NoModifier, list->visualRect(second).center());
-    const QString name = second.data().toString();
-    QCOMPARE(order, (QStringList{"release:" + name, "clicked:" + name}));
-    QCOMPARE(dialog.m_projectName, name);
-    QCOMPARE(dialog.windowTitle(), name);
-    // A new choice undoes the quit button of an earlier failure.
-    QCOMPARE(restart->text(), msg(2007));
-    dialog.close();
-}
-
 void TestDlgDownload::presses_data()
 {
     // Steps on a shown dialog: "running" (the sequence's button states),
     // "stop", "failure" (its report), "state N" (the run state), "resume"
     // (resume mode), "close", "escape", "tick N" (N countdown ticks), "quit"
-    // (the restart button relabelled to quit, pressed), "restart" pressed.
+    // (the restart button relabelled to quit, pressed), "restart" pressed,
+    // "touch" (the second of two projects, after a failure's quit button).
     QTest::addColumn<QStringList>("steps");
     QTest::addColumn<QString>("buttons");  // start stop restart, as 0/1
     QTest::addColumn<QStringList>("pane"); // the text pane's last lines
@@ -197,6 +184,7 @@ void TestDlgDownload::presses_data()
                                                     << QStringList{failedReboot};
     row("restart pressed", {"restart"}) << "101" << QStringList{""} << true << QStringList{failedReboot};
     row("quit pressed", {"quit"}) << "101" << QStringList{""} << false << QStringList();
+    row("project touched", {"touch"}) << "101" << QStringList{""} << true << QStringList();
 }
 
 void TestDlgDownload::presses()
@@ -206,7 +194,9 @@ void TestDlgDownload::presses()
     QFETCH(QStringList, pane);
     QFETCH(bool, visible);
     QFETCH(QStringList, boxes);
+    QVERIFY(testenv::writeFile("first/context.dat", "x") && testenv::writeFile("second/context.dat", "x"));
     dlgDownLoad dialog{QString(), QString()};
+    dialog.setPackageRoot(m_stick->path());
     dialog.show();
     QVERIFY(QTest::qWaitForWindowExposed(&dialog));
     QVERIFY(background() && background()->isVisible() && !background()->isEnabled());
@@ -230,6 +220,8 @@ void TestDlgDownload::presses()
         else if (step.startsWith("tick"))
             for (int i = 0; i < n; ++i)
                 dialog.onTimer();
+        else if (step == "touch")
+            touchSecond(dialog);
         else
             child<QPushButton>(dialog, "btnRestart")->setText(msg(step == "quit" ? 2010 : 2007));
         if (step == "quit" || step == "restart")

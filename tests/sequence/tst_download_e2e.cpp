@@ -284,9 +284,12 @@ void tst_download_e2e::download_data()
     row("reboot fails", downloaded(kToDisk + kToCopy + kCopied) << QStringLiteral("系统重启失败!Input/output error"),
         [](Scenario& s) {
             s.env = QStringList{"KAVO_SIM_REBOOT_ERRNO=5"};
-            // The installed runtime is sound: logger.ini may differ, the version's first word names the list.
+            // The installed runtime is sound: logger.ini may differ, the version's
+            // first word names the list, and no text of it runs as a command.
             s.edits.insert({{"usr/kavo_app/config/logger.ini", "changed\n"},
-                            {"usr/kavo_app/update.ini", "[PREPARE]\nversion=7.2.1 b3\nminsetversion=7.0.0\nproduct=KavoPro\n"}});
+                            {"usr/kavo_app/version.7.2.1;touch${IFS}pwned", "copy:usr/kavo_app/version.7.2.1"},
+                            {"usr/kavo_app/update.ini", "[PREPARE]\nversion=\"7.2.1;touch${IFS}pwned b3\"\n"
+                                                        "minsetversion=7.0.0\nproduct=KavoPro\n"}});
             s.changes = replaced(s.project);
             s.exitCode = 1;
         });
@@ -371,10 +374,12 @@ void tst_download_e2e::download_data()
         s.changes = replaced(s.project);
     });
     // An unattended download never offers the runtime update.
+    // md5sum's summary line after a failure ("... did NOT match") is no "OK".
     row("installed runtime damaged", texts(kToRuntime) << msg(2115), [](Scenario& s) {
         s.project.withRuntime = true;
         s.project.runtime.version = "7.3.0";
-        s.edits.insert("usr/kavo_app/bin/kavo_app", "damaged runtime application\n");
+        s.panel.runtime.files.insert("lib/libOPX.so", "a runtime library\n");
+        s.edits.insert("usr/kavo_app/lib/libOPX.so", "damaged\n");
     });
     row("installed runtime of an empty series", texts(kToRuntime) << msg(2115), [](Scenario& s) {
         s.edits.insert("usr/kavo_app/update.ini", "[PREPARE]\nversion=7.2.1\nminsetversion=7.0.0\nproduct=\n");
@@ -486,6 +491,8 @@ void tst_download_e2e::download()
             QVERIFY(QDir().mkpath(path));
         else if (edit.value().startsWith("link:"))
             QVERIFY(QFile::link(edit.value().mid(5), path));
+        else if (edit.value().startsWith("copy:"))
+            QVERIFY(QFile::copy(panel + '/' + edit.value().mid(5), path));
         else if (edit.value().isNull())
             QVERIFY(QFileInfo(path).isDir() ? QDir(path).removeRecursively() : QFile::remove(path));
         else

@@ -168,7 +168,10 @@ void tst_sequence::runtimeQuestions_data()
     // Without both the series' updater and the helper nothing can be updated.
     row("damaged runtime, no updater of the series", {"damaged", "rm /proj/KavoPro/opxupdateu.bin"}, true)
         << "" << texts({2115}) << false;
-    row("damaged runtime, damaged copy", {"damaged", "write " + kCopy + "/lib/libkavo.so|another\n"}, true)
+    // No text of a description runs as a command.
+    const QString named = "7.3.0'$(touch${IFS}pwned)'";
+    row("damaged runtime, damaged copy", {"damaged", "write " + kCopy + "/lib/libkavo.so|another\n", "copy " + named,
+                                          "mv " + kCopy + "/version.7.3.0|" + kCopy + "/version." + named}, true)
         << damaged << QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)} << false;
     // The copy's first failure is reported, logger.ini too.
     row("damaged runtime, copy's logger.ini changed", {"damaged", "write " + kCopy + "/config/logger.ini|changed\n"}, true)
@@ -269,6 +272,7 @@ void tst_sequence::runtimeQuestions()
         QCOMPARE(testenv::enabledButtons(*dialog, {"btnStart", "btnStop"}), QStringLiteral("10"));
     QCOMPARE(dialog->isCountingDown(), done);
     QCOMPARE(dialog->isVisible(), !handedOver);
+    QVERIFY(!QFile::exists(m_stick->path() + kCopy + "/pwned"));
     dialog.reset();
 
     const QString recorded = m_panel->path("/tmp/updater.args");
