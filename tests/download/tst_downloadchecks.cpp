@@ -17,26 +17,17 @@
 #include <memory>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 
 namespace {
-
-qint64 statSize(const QString& path)
-{
-    struct stat64 info;
-    return stat64(QFile::encodeName(path).constData(), &info) == 0 ? info.st_size : -1;
-}
 
 // What a tree walk adds up for `path`: the st_size of it and of every entry below.
 qint64 treeSize(const QString& path)
 {
-    if (!QFileInfo::exists(path))
-        return 0;
-    qint64 total = statSize(path);
+    qint64 total = QFileInfo(path).size();
     QDirIterator it(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                     QDirIterator::Subdirectories);
     while (it.hasNext())
-        total += statSize(it.next());
+        total += QFileInfo(it.next()).size();
     return total;
 }
 
@@ -249,7 +240,7 @@ void tst_DownloadChecks::projectArea()
     qint64 areaSize = treeSize(area);
     if (!areaPresent) {
         QVERIFY(QDir().mkdir(app + "/scratch"));
-        areaSize = statSize(app + "/scratch");
+        areaSize = QFileInfo(app + "/scratch").size();
         QVERIFY(QDir().rmdir(app + "/scratch"));
     }
     // The old project and the fonts other than the panel's own count as free.
