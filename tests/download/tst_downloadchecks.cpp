@@ -7,6 +7,7 @@
 // The disk space boundaries need file systems whose free space nothing else
 // changes: small tmpfs file systems over the panel's directories, mounted in a
 // mount namespace of this process only.
+#include "log/clogger.h"
 #include "recordingdownload.h"
 #include "testenv.h"
 
@@ -59,6 +60,7 @@ private slots:
     void destination_data();
     void destination();
     void sizeOf4GiBNeverMatches();
+    void corners();
     void projectArea_data();
     void projectArea();
     void userFileArea_data();
@@ -204,6 +206,29 @@ void tst_DownloadChecks::sizeOf4GiBNeverMatches()
     m_download->m_fileList << FILE_INFO{"big.bin", QString(), 3, QString(), "./proj/"};
     QVERIFY(!m_download->checkFileCRC(BEFORE_DOWNLOAD));
     QCOMPARE(m_download->events, QStringList{"text: " + msg(2019)});
+}
+
+// What no download reaches: a stop before each step, places that are gone, a
+// file that is its own destination, a report that cannot be opened.
+void tst_DownloadChecks::corners()
+{
+    m_download->m_stop = true;
+    QVERIFY(!m_download->parseIniFile("proj/v7/project.ini") && !m_download->checkFileCRC(AFTER_DOWNLOAD));
+    QVERIFY(!m_download->removeOldProjectFiles() && m_download->events.isEmpty());
+    m_download->m_stop = false;
+    QVERIFY(m_download->removeDir(m_panel->path("/gone")));
+    QVERIFY(!m_download->checkAppIntegrity(INSTALLED_APP, m_panel->path("/gone").toUtf8().constData()));
+    QVERIFY(QDir(m_panel->path("/data")).removeRecursively() && !m_download->checkUserFileArea());
+    QVERIFY(testenv::writeFile("proj/v7/a.bin", "own destination\n"));
+    m_download->m_fileList = {{"DownLoadFile/", "1", 1, QString(), "./proj/v7/"}}; // names no file on the panel
+    QVERIFY(m_download->checkFileCRC(AFTER_DOWNLOAD));
+    m_download->m_fileList = {{"a.bin", "1", 16, QDir::currentPath() + "/proj/v7/", "./proj/v7/"}};
+    QVERIFY(m_download->updateProjectFile());
+    QCOMPARE(testenv::readFile("proj/v7/a.bin"), QByteArray("own destination\n"));
+    QCOMPARE(m_download->events, QStringList{"fail: " + msg(2064).arg(m_panel->path("/gone"))});
+    QVERIFY(testenv::writeFile("plain", "x") && !CLogger::GetInstance()->open("plain/sub/report.log"));
+    CLogger::GetInstance()->writeReport("[开始]\n");
+    QCOMPARE(testenv::readFile("plain"), QByteArray("x"));
 }
 
 void tst_DownloadChecks::projectArea_data()

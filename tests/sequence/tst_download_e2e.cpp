@@ -12,6 +12,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <cstring>
 #include <functional>
 
 #include <sys/stat.h>
@@ -43,9 +44,11 @@ struct Scenario
     Tree changes;
     QStringList untouched;    // panel files that keep their inode and time stamp
     int exitCode = 0;
-    // The report's directory below a fresh one, made by the run; in the fresh one an
-    // earlier, longer report is there before.
-    QString reportDir;
+    // The arguments after "-s proj" and the report; "${OUT}" is a fresh directory
+    // where an earlier, longer report is, "${EXE}" the executable's.
+    QStringList args = {"-p ${OUT}"};
+    QString report = "${OUT}/pro_update_result.log";
+    bool rebootWorks = false; // else a successful download's reboot fails, so the run ends as a process does
 };
 
 // The report up to the announcement of a step, on a run that passes all before.
@@ -114,6 +117,11 @@ void row(const char* tag, const QStringList& lines, const std::function<void(Sce
         setup(s);
     // A download that succeeds leaves exactly the project's files in its area.
     if (lines.contains(msg(2059) + '\n')) {
+        if (!s.rebootWorks) {
+            s.env << "KAVO_SIM_REBOOT_ERRNO=5";
+            s.lines << msg(1010).arg(strerror(5));
+            s.exitCode = 1;
+        }
         Tree changes = replaced(s.project);
         changes.insert(s.changes);
         s.changes = changes;
@@ -239,6 +247,7 @@ void tst_download_e2e::download_data()
             s.project.scrambledIni = true;
             s.project.clearAlarm = true;
             s.project.clearInitValue = true;
+            s.rebootWorks = true;
             // Version parts compare as numbers.
             s.panel.runtime = {"7.11.0", "7.9.9"};
             s.project.setVersion = "7.10.0";
@@ -264,27 +273,19 @@ void tst_download_e2e::download_data()
         });
     // Cleared and not refilled, the user file area is still there. A checksum
     // with leading zeros is written without them; an empty one leaves the size
-    // to decide.
+    // to decide. The installed runtime is sound: logger.ini may differ, its
+    // version's first word names the list, no text of it runs as a command.
     row("user area cleared, no user files, checksums", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
         [](Scenario& s) {
             s.project.clearUserDir = true;
             s.project.files << PackageFile{"lead.bin", kZeroLed, kProjectArea} << PackageFile{"check.bin", "123456789", kProjectArea};
             s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("CRC=CBF43926", "CRC="));
-            s.changes.insert("data/userfile/*", {});
-        });
-    // Nobody is there to answer a box: the report and the exit status tell.
-    row("reboot fails", downloaded(kToDisk + kToCopy + kCopied) << QStringLiteral("系统重启失败!Input/output error"),
-        [](Scenario& s) {
-            s.env = QStringList{"KAVO_SIM_REBOOT_ERRNO=5"};
-            // The installed runtime is sound: logger.ini may differ, the version's
-            // first word names the list, and no text of it runs as a command.
             s.edits.insert({{"usr/kavo_app/config/logger.ini", "changed\n"},
                             {"usr/kavo_app/version.7.2.1;touch${IFS}pwned", "copy:usr/kavo_app/version.7.2.1"},
                             {"usr/kavo_app/update.ini", "[PREPARE]\nversion=\"7.2.1;touch${IFS}pwned b3\"\n"
                                                         "minsetversion=7.0.0\nproduct=KavoPro\n"}});
-            s.exitCode = 1;
+            s.changes.insert("data/userfile/*", {});
         });
-
     // Failures before anything on the panel changes.
     row("no C library", packageFailure(2012), [](Scenario& s) { s.edits.insert("lib/libc.so.6", {}); });
     row("C library of no known platform", packageFailure(2013),
@@ -432,7 +433,14 @@ void tst_download_e2e::download_data()
     row("report in a new nested directory, another copy running", packageFailure(2014), [](Scenario& s) {
         s.edits.insert("stick/proj", {});
         s.otherCopy = true;
-        s.reportDir = "/a/b";
+        s.args = QStringList{"-p ${OUT}/a/b"};
+        s.report = "${OUT}/a/b/pro_update_result.log";
+    });
+    // Without its directory "-p" is no option: the report goes beside the executable.
+    row("-p and its directory as two arguments", packageFailure(2014), [](Scenario& s) {
+        s.edits.insert("stick/proj", {});
+        s.args = QStringList{"-p", "${OUT}"};
+        s.report = "${EXE}/pro_update_result.log";
     });
     row("stick pulled during the copy", texts(kToDisk + kToCopy + QList<int>{2054, 2055}), [](Scenario& s) {
         s.pullStick = true;
@@ -490,9 +498,11 @@ void tst_download_e2e::download()
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process.setStandardOutputFile(QProcess::nullDevice()); // a line per copied file
     QString program = stick + "/opxupdateu/opxupdateu_proj.bin";
-    QStringList arguments = {"-s " + scenario.project.name, "-p " + outDir.path() + scenario.reportDir};
-    const QString report = outDir.path() + scenario.reportDir + "/pro_update_result.log";
-    QVERIFY(!scenario.reportDir.isEmpty() || testenv::writeFile(report, QByteArray(5000, 'O')));
+    QStringList arguments{"-s proj"};
+    for (const QString& arg : scenario.args + QStringList{scenario.report})
+        arguments << QString(arg).replace("${OUT}", outDir.path()).replace("${EXE}", stick + "/opxupdateu");
+    const QString report = arguments.takeLast();
+    QVERIFY(testenv::writeFile(outDir.path() + "/pro_update_result.log", QByteArray(5000, 'O')));
     if (!scenario.mount.isEmpty()) {
         // A private tmpfs over a panel directory, for this run only.
         arguments = QStringList{"-m", "sh", "-c", "mount -t tmpfs -o \"$1\" tmpfs \"$2\" || exit 99; shift 2; exec \"$@\"",
