@@ -52,7 +52,8 @@ const QString kCopy = QStringLiteral("/proj/KavoPro/v7/kavo_app");
 // Prepares a runtime question: "damaged" (the installed runtime), "installed
 // VERSION|PRODUCT" (its description; its MD5 list is named by the version's
 // first word), "copy VERSION|PRODUCT" (the package's runtime copy's scrambled
-// description), "rm PATH", "write PATH|TEXT", "mv PATH|PATH" (on the stick).
+// description), "rm PATH", "write PATH|TEXT", "mv PATH|PATH" (on the stick; /tmp
+// the panel's).
 void edit(const QString& step, const QString& stick, const QString& panel)
 {
     const QString verb = step.section(' ', 0, 0);
@@ -72,7 +73,7 @@ void edit(const QString& step, const QString& stick, const QString& panel)
     } else if (verb == "rm") {
         QVERIFY(QFile::remove(stick + args[0]));
     } else if (verb == "write") {
-        QVERIFY(testenv::writeFile(stick + args[0], args[1].toUtf8()));
+        QVERIFY(testenv::writeFile((args[0].startsWith("/tmp/") ? panel : stick) + args[0], args[1].toUtf8()));
     } else {
         QVERIFY(QDir().mkpath(QFileInfo(stick + args[1]).path()) && QDir().rename(stick + args[0], stick + args[1]));
     }
@@ -140,9 +141,9 @@ void tst_sequence::runtimeQuestions_data()
 {
     QTest::addColumn<QStringList>("edits"); // see edit()
     QTest::addColumn<bool>("yes");          // the operator's answer
-    // Buttons pressed in one go once the pane shows line 2044 ("disk check")
-    // or the first file has begun ("copy"), as "WHEN:BUTTON,BUTTON"; the
-    // project then begins with a large file and clears the user file area.
+    // Buttons pressed in one go once the pane ends in message WHEN, or once the
+    // first file has begun ("copy"), as "WHEN:BUTTON,BUTTON"; the project then
+    // begins with a large file, and clears the user file area for "copy".
     QTest::addColumn<QString>("presses");
     QTest::addColumn<QString>("box");       // "title|text" of the one box the operator sees; empty: none
     QTest::addColumn<QStringList>("tail");  // the pane after the installed runtime's check
@@ -159,9 +160,10 @@ void tst_sequence::runtimeQuestions_data()
     // The copy sees the stop within its block; neither the restart nor the start
     // pressed meanwhile may start anything, nor a reboot be tried.
     const QStringList toDisk = texts({2022, 2028, 2035, 2039, 2044});
-    row("stop during the disk check", {"copy 7.2.1"}, true, "disk check:btnStop") << "" << toDisk + texts({2060}) << false;
-    row("stop, then start during the disk check", {"copy 7.2.1"}, true, "disk check:btnStop,btnStart")
+    row("stop during the disk check", {"copy 7.2.1"}, true, "2044:btnStop") << "" << toDisk + texts({2060}) << false;
+    row("stop, then start during the disk check", {"copy 7.2.1"}, true, "2044:btnStop,btnStart")
         << "" << toDisk + texts({2060}) << false;
+    row("stop as the old project is to go", {"copy 7.2.1"}, true, "2050:btnStop") << "" << toDisk + texts({2050, 2060}) << false;
     row("restart, stop, restart, start during the copy", {"copy 7.2.1"}, true, "copy:btnRestart,btnStop,btnRestart,btnStart")
         << "" << toDisk + texts({2046, 2047, 2050, 2051, 2053, 2060, 2055}) << false;
     row("damaged runtime, no update", {"damaged"}, false) << damaged << texts({2115}) << false;
@@ -184,7 +186,7 @@ void tst_sequence::runtimeQuestions_data()
     row("damaged runtime, copy of empty product", {"damaged", "copy 7.3.0|"}, true) << damaged << texts({2041}) << false;
     row("damaged runtime, copy of a series in other case", {"damaged", "copy 7.3.0|kavopro"}, true)
         << damaged << texts({2042}) << false;
-    row("damaged runtime, updated", {"damaged"}, true) << damaged << done << true;
+    row("damaged runtime, updated", {"damaged", "write /tmp/pkgProductCheck.ini|a stale copy\n"}, true) << damaged << done << true;
     row("newer runtime, updated", {}, true) << newer << done << true;
     row("newer runtime, project only", {}, false) << newer << done << false;
     row("newer runtime, no helper", {"rm /opxupdateu/helper/opxupdateu_helper.bin"}, true) << "" << done << false;
@@ -218,8 +220,9 @@ void tst_sequence::runtimeQuestions()
     project.variant = "v7";
     project.withRuntime = true;
     project.runtime.version = "7.3.0";
-    project.clearUserDir = !presses.isEmpty();
-    if (project.clearUserDir)
+    const bool duringCopy = presses.startsWith("copy");
+    project.clearUserDir = duringCopy;
+    if (!presses.isEmpty())
         project.files.prepend(kit::PackageFile{"large.bin", QByteArray(16 << 20, 'x'), "/usr/kavo_app/project"});
     std::unique_ptr<dlgDownLoad> dialog = prepare(project);
     QVERIFY(dialog);
@@ -227,11 +230,10 @@ void tst_sequence::runtimeQuestions()
         edit(step, m_stick->path(), m_panel->root());
     const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
     const QString large = m_panel->path("/usr/kavo_app/project/large.bin");
-    const bool duringCopy = presses.startsWith("copy");
     bool pressed = false;
     QTimer press;
     connect(&press, &QTimer::timeout, [&] {
-        if (pressed || !(duringCopy ? QFileInfo(large).size() > 0 : paneText(*dialog).endsWith(msg(2044))))
+        if (pressed || !(duringCopy ? QFileInfo(large).size() > 0 : paneText(*dialog).endsWith(msg(presses.section(':', 0, 0).toInt()))))
             return;
         pressed = true;
         // click() works on disabled buttons too: what a button does when it
