@@ -226,9 +226,13 @@ void tst_DownloadChecks::corners()
     QVERIFY(m_download->updateProjectFile());
     QCOMPARE(testenv::readFile("proj/v7/a.bin"), QByteArray("own destination\n"));
     QCOMPARE(m_download->events, QStringList{"fail: " + msg(2064).arg(m_panel->path("/gone"))});
-    QVERIFY(testenv::writeFile("plain", "x") && !CLogger::GetInstance()->open("plain/sub/report.log"));
-    CLogger::GetInstance()->writeReport("[开始]\n");
+    CLogger* report = CLogger::GetInstance();
+    QVERIFY(testenv::writeFile("plain", "x") && !report->open("plain/sub/report.log"));
+    report->writeReport("[开始]\n");
     QCOMPARE(testenv::readFile("plain"), QByteArray("x"));
+    // Reopened for a failed reboot's line, a report that went or became a directory stays shut.
+    QVERIFY(report->open("report.log") && QFile::remove("report.log") && !report->reopen());
+    QVERIFY(report->open("report.log") && QFile::remove("report.log") && QDir().mkdir("report.log") && !report->reopen());
 }
 
 void tst_DownloadChecks::projectArea_data()

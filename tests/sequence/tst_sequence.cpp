@@ -143,7 +143,7 @@ void tst_sequence::runtimeQuestions_data()
     QTest::addColumn<bool>("yes");          // the operator's answer
     // Buttons pressed in one go once the pane ends in message WHEN, or once the
     // first file has begun ("copy"), as "WHEN:BUTTON,BUTTON"; the project then
-    // begins with a large file, and clears the user file area for "copy".
+    // begins with a large file, and clears the user file area for "copy" and 2046.
     QTest::addColumn<QString>("presses");
     QTest::addColumn<QString>("box");       // "title|text" of the one box the operator sees; empty: none
     QTest::addColumn<QStringList>("tail");  // the pane after the installed runtime's check
@@ -163,6 +163,8 @@ void tst_sequence::runtimeQuestions_data()
     row("stop during the disk check", {"copy 7.2.1"}, true, "2044:btnStop") << "" << toDisk + texts({2060}) << false;
     row("stop, then start during the disk check", {"copy 7.2.1"}, true, "2044:btnStop,btnStart")
         << "" << toDisk + texts({2060}) << false;
+    row("stop as the user file area is to be cleared", {"copy 7.2.1"}, true, "2046:btnStop")
+        << "" << toDisk + texts({2046, 2060}) << false;
     row("stop as the old project is to go", {"copy 7.2.1"}, true, "2050:btnStop") << "" << toDisk + texts({2050, 2060}) << false;
     row("restart, stop, restart, start during the copy", {"copy 7.2.1"}, true, "copy:btnRestart,btnStop,btnRestart,btnStart")
         << "" << toDisk + texts({2046, 2047, 2050, 2051, 2053, 2060, 2055}) << false;
@@ -221,7 +223,7 @@ void tst_sequence::runtimeQuestions()
     project.withRuntime = true;
     project.runtime.version = "7.3.0";
     const bool duringCopy = presses.startsWith("copy");
-    project.clearUserDir = duringCopy;
+    project.clearUserDir = duringCopy || presses.startsWith("2046");
     if (!presses.isEmpty())
         project.files.prepend(kit::PackageFile{"large.bin", QByteArray(16 << 20, 'x'), "/usr/kavo_app/project"});
     std::unique_ptr<dlgDownLoad> dialog = prepare(project);
@@ -275,6 +277,8 @@ void tst_sequence::runtimeQuestions()
     QCOMPARE(dialog->isCountingDown(), done);
     QCOMPARE(dialog->isVisible(), !handedOver);
     QVERIFY(!QFile::exists(m_stick->path() + kCopy + "/pwned"));
+    dialog->close();
+    QVERIFY(!dialog->isCountingDown());
     dialog.reset();
 
     const QString recorded = m_panel->path("/tmp/updater.args");
