@@ -1,57 +1,50 @@
-// The download dialog: which stick directories it offers, how a touch selects
-// one, the button states, the close rules, the countdown, the reboot and quit
-// paths, the direct mode's report and the operator's questions.
+// The download dialog: which stick directories it offers, and one table of
+// states and presses (touch, buttons, close rules, countdown, reboot and
+// quit). The sequence behind it is tst_sequence's and tst_download_e2e's.
 #include "download/dlgdownload.h"
 #include "download/list_view.h"
-
 #include "frame/screensetting.h"
 #include "frame/winbackground.h"
 #include "frame/winsize.h"
-#include "log/clogger.h"
-#include "recordingdownload.h"
 
 #include "boxanswerer.h"
 #include "dialogprobe.h"
 #include "testenv.h"
 
 #include <QApplication>
-#include <QPushButton>
-#include <QTemporaryDir>
-#include <QTextEdit>
 #include <QtTest>
 
 #include <cstring>
 #include <memory>
-
 #include <sys/time.h>
 
 namespace {
 
 using testenv::child;
-using testenv::paneLines;
 
-// "start stop restart" as 0/1 digits.
-QString enabledButtons(const dlgDownLoad& dialog)
+WinBackground* background()
 {
-    return testenv::enabledButtons(dialog, {"btnStart", "btnStop", "btnRestart"});
+    const QWidgetList widgets = QApplication::topLevelWidgets();
+    auto found = std::find_if(widgets.begin(), widgets.end(), [](QWidget* w) { return qobject_cast<WinBackground*>(w); });
+    return found == widgets.end() ? nullptr : static_cast<WinBackground*>(*found);
 }
 
-// Creates the files (or, ending in "/", directories) in the working directory.
-void populate(const QStringList& entries)
+// Touches the second project: the release selects it before the click
+// arrives, and the new choice undoes the quit button of an earlier failure.
+void touchSecond(dlgDownLoad& dialog)
 {
-    for (const QString& entry : entries)
-        QVERIFY(entry.endsWith(QLatin1Char('/')) ? QDir().mkpath(entry) : testenv::writeFile(entry, "x"));
-}
-
-// The text pane's style sheet carries a property that the style sheet parser
-// does not know; its complaint for every new dialog would bury the test log.
-QtMessageHandler g_testLogHandler = nullptr;
-
-void dropStyleSheetNoise(QtMsgType type, const QMessageLogContext& context, const QString& text)
-{
-    if (type == QtDebugMsg && text == QLatin1String("Unknown property font-margin"))
-        return;
-    g_testLogHandler(type, context, text);
+    auto* list = child<list_view>(dialog, "listView");
+    child<QPushButton>(dialog, "btnRestart")->setText(msg(2010));
+    const QModelIndex second = list->model()->index(1, 0);
+    QStringList order;
+    QObject listening;
+    QObject::connect(list, &list_view::emitSelectInfo, &listening, [&](const QString& name) { order << "release:" + name; });
+    QObject::connect(list, &QListView::clicked, &listening, [&] { order << "clicked:" + dialog.windowTitle(); });
+    QTest::mouseClick(list->viewport(), Qt::LeftButton, Qt::NoModifier, list->visualRect(second).center());
+    const QString name = second.data().toString();
+    QCOMPARE(order, (QStringList{"release:" + name, "clicked:" + name}));
+    QCOMPARE(dialog.m_projectName + dialog.windowTitle(), name + name);
+    QCOMPARE(child<QPushButton>(dialog, "btnRestart")->text(), msg(2007));
 }
 
 } // namespace
@@ -67,27 +60,17 @@ private slots:
 
     void projectList_data();
     void projectList();
-    void touchSelectsProject();
-    void buttonStates_data();
-    void buttonStates();
-    void closeIgnoredWhileRunning_data();
-    void closeIgnoredWhileRunning();
-    void resumeCloseAsksAndReboots();
-    void countdownAndRestart();
-    void directModeReport_data();
-    void directModeReport();
-    void askYesNo_data();
-    void askYesNo();
+    void presses_data();
+    void presses();
 
 private:
     std::unique_ptr<QTemporaryDir> m_stick;
     std::unique_ptr<testenv::TempPanel> m_panel;
-    QString m_oldCwd;
+    QString m_oldCwd = QDir::currentPath();
 };
 
 void TestDlgDownload::initTestCase()
 {
-    g_testLogHandler = qInstallMessageHandler(dropStyleSheetNoise);
     QVERIFY(testenv::loadBuiltinTexts());
     // Every reboot fails with EIO, so that the process survives it.
     qputenv("KAVO_SIM_REBOOT_ERRNO", "5");
@@ -97,9 +80,7 @@ void TestDlgDownload::init()
 {
     m_panel = std::make_unique<testenv::TempPanel>();
     m_stick = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_panel->isValid() && m_stick->isValid());
-    m_oldCwd = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(m_stick->path()));
+    QVERIFY(m_panel->isValid() && m_stick->isValid() && QDir::setCurrent(m_stick->path()));
     selectWinSize(1280);
     ScreenSetting::setDeviceWidthOverride(1280);
 }
@@ -115,39 +96,30 @@ void TestDlgDownload::cleanup()
 
 void TestDlgDownload::projectList_data()
 {
+    // Made on the stick ("/" ends a directory, "DIR=SECONDS" sets its time), the list.
     QTest::addColumn<QStringList>("entries");
-    QTest::addColumn<QStringList>("mtimes"); // "directory=seconds"
     QTest::addColumn<QStringList>("expected");
-
-    QTest::newRow("no project")
-        << QStringList{"empty/", "other/v5/readme.txt", "context.dat", "Upper/Context.dat", "q/context.dat/"}
-        << QStringList() << QStringList();
-    QTest::newRow("only in v7") << QStringList{"p/v7/context.dat"} << QStringList() << QStringList{"p"};
-    // The v5 tree decides when there is one, and a variant tree hides the top.
-    QTest::newRow("v5 decides, listed") << QStringList{"p/v5/context.dat", "p/v7/"} << QStringList()
-                                        << QStringList{"p"};
-    QTest::newRow("v5 decides, not listed") << QStringList{"p/v5/", "p/v7/context.dat"} << QStringList()
-                                            << QStringList();
-    QTest::newRow("variant hides the top") << QStringList{"p/context.dat", "p/v7/"} << QStringList()
-                                           << QStringList();
-    QTest::newRow("newest first, updater skipped")
-        << QStringList{"a/context.dat", "b/v5/context.dat", "c/v7/context.dat", "opxupdateu/context.dat"}
-        << QStringList{"a=1500000000", "b=1700000000", "c=1600000000", "opxupdateu=1800000000"}
-        << QStringList{"b", "c", "a"};
+    QTest::newRow("no project") << QStringList{"e/", "o/v5/readme.txt", "context.dat", "U/Context.dat", "q/context.dat/"}
+                                << QStringList();
+    // The v5 tree decides when there is one, and a variant tree hides the top;
+    // the newest first, the package's own directory never.
+    QTest::newRow("projects") << QStringList{"a/v7/context.dat", "b/v5/context.dat", "b/v7/", "c/v5/", "c/v7/context.dat",
+                                             "d/context.dat", "d/v7/", "e/context.dat", "opxupdateu/context.dat",
+                                             "a=1500000000", "b=1700000000", "e=1600000000", "opxupdateu=1800000000"}
+                              << QStringList{"b", "e", "a"};
 }
 
 void TestDlgDownload::projectList()
 {
     QFETCH(QStringList, entries);
-    QFETCH(QStringList, mtimes);
     QFETCH(QStringList, expected);
-    populate(entries);
-    for (const QString& mtime : mtimes) {
-        const QStringList parts = mtime.split(QLatin1Char('='));
-        const timeval times[2] = {{parts[1].toLong(), 0}, {parts[1].toLong(), 0}};
-        QCOMPARE(utimes(QFile::encodeName(parts[0]).constData(), times), 0);
+    for (const QString& entry : entries) {
+        const timeval time = {entry.section('=', 1).toLong(), 0};
+        const timeval times[2] = {time, time};
+        QVERIFY(entry.contains('=')      ? utimes(QFile::encodeName(entry.section('=', 0, 0)).constData(), times) == 0
+                : entry.endsWith('/') ? QDir().mkpath(entry)
+                                      : testenv::writeFile(entry, "x"));
     }
-
     // The list is the package root's, wherever the working directory is.
     QVERIFY(QDir::setCurrent(QDir::tempPath()));
     dlgDownLoad dialog(QStringLiteral("/usr/kavo_app/project"), QStringLiteral("0"));
@@ -161,225 +133,99 @@ void TestDlgDownload::projectList()
     QCOMPARE(list->currentIndex().row(), expected.isEmpty() ? -1 : 0);
     QCOMPARE(dialog.windowTitle(), expected.value(0, QStringLiteral("project")));
     QCOMPARE(dialog.m_projectName, expected.value(0, QStringLiteral("project")));
-    QCOMPARE(enabledButtons(dialog), QStringLiteral("101"));
+    QCOMPARE(testenv::enabledButtons(dialog, {"btnStart", "btnStop", "btnRestart"}), QStringLiteral("101"));
 }
 
-void TestDlgDownload::touchSelectsProject()
+void TestDlgDownload::presses_data()
 {
-    populate({"first/context.dat", "second/context.dat"});
+    // Steps on a shown dialog: "running" (the sequence's button states),
+    // "stop", "failure" (its report), "state N" (the run state), "resume"
+    // (resume mode), "close", "escape", "tick N" (N countdown ticks), "quit"
+    // (the restart button relabelled to quit, pressed), "restart" pressed,
+    // "touch" (the second of two projects, after a failure's quit button).
+    QTest::addColumn<QStringList>("steps");
+    QTest::addColumn<QString>("buttons");  // start stop restart, as 0/1
+    QTest::addColumn<QStringList>("pane"); // the text pane's last lines
+    QTest::addColumn<bool>("visible");     // the dialog and its background
+    QTest::addColumn<QStringList>("boxes"); // "title|text" of each box shown, answered with OK
+
+    const QString failedReboot = msg(2030) + '|' + QString::fromLocal8Bit(std::strerror(5));
+    QStringList countdown;
+    for (int seconds = 10; seconds >= 0; --seconds)
+        countdown << msg(2061).arg(seconds);
+    const auto row = [](const char* tag, const QStringList& steps) -> QTestData& { return QTest::newRow(tag) << steps; };
+    row("running", {"running"}) << "010" << QStringList{""} << true << QStringList();
+    row("stopped", {"stop"}) << "101" << QStringList{msg(2060)} << true << QStringList();
+    row("running after a stop", {"stop", "running"}) << "110" << QStringList{msg(2060)} << true << QStringList();
+    row("failure report", {"running", "failure"}) << "101" << QStringList{"失败"} << true << QStringList();
+    // The sequence runs inside the dialog's call stack: no close while it runs.
+    row("close while running", {"state 1", "close"}) << "101" << QStringList{""} << true << QStringList();
+    row("Escape while running", {"state 1", "escape"}) << "101" << QStringList{""} << true << QStringList();
+    row("Escape when done", {"state 2", "escape"}) << "101" << QStringList{""} << false << QStringList();
+    // After a runtime update the panel must reboot: closing asks, then reboots.
+    row("resume mode closed", {"resume", "close"}) << "101" << QStringList{""} << false
+                                                   << QStringList{msg(2030) + '|' + msg(2062), failedReboot};
+    row("countdown to one", {"tick 10"}) << "101" << QStringList(countdown.mid(0, 10)) << true << QStringList();
+    // At 0 the reboot is tried; after it failed the count starts over at 10.
+    row("countdown to zero and again", {"tick 12"}) << "101" << countdown + QStringList{msg(2061).arg(9)} << true
+                                                    << QStringList{failedReboot};
+    row("restart pressed", {"restart"}) << "101" << QStringList{""} << true << QStringList{failedReboot};
+    row("quit pressed", {"quit"}) << "101" << QStringList{""} << false << QStringList();
+    row("project touched", {"touch"}) << "101" << QStringList{""} << true << QStringList();
+}
+
+void TestDlgDownload::presses()
+{
+    QFETCH(QStringList, steps);
+    QFETCH(QString, buttons);
+    QFETCH(QStringList, pane);
+    QFETCH(bool, visible);
+    QFETCH(QStringList, boxes);
+    QVERIFY(testenv::writeFile("first/context.dat", "x") && testenv::writeFile("second/context.dat", "x"));
     dlgDownLoad dialog{QString(), QString()};
     dialog.setPackageRoot(m_stick->path());
-    auto* list = child<list_view>(dialog, "listView");
-    auto* restart = child<QPushButton>(dialog, "btnRestart");
-    restart->setText(msg(2010));
     dialog.show();
     QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-
-    // The release selects, before the click arrives.
-    const QModelIndex second = list->model()->index(1, 0);
-    QStringList order;
-    connect(list, &list_view::emitSelectInfo, this, [&](const QString& name) { order << "release:" + name; });
-    connect(list, &QListView::clicked, this, [&] { order << "clicked:" + dialog.windowTitle(); });
-    QTest::mouseClick(list->viewport(), Qt::LeftButton, Qt::NoModifier, list->visualRect(second).center());
-
-    const QString name = second.data().toString();
-    QCOMPARE(order, (QStringList{"release:" + name, "clicked:" + name}));
-    QCOMPARE(dialog.m_projectName, name);
-    QCOMPARE(dialog.windowTitle(), name);
-    // A new choice undoes the quit button of an earlier failure.
-    QCOMPARE(restart->text(), msg(2007));
-    dialog.close();
-}
-
-void TestDlgDownload::buttonStates_data()
-{
-    QTest::addColumn<QString>("action");
-    QTest::addColumn<QString>("states");
-    QTest::addColumn<QString>("lastLine");
-
-    QTest::newRow("running") << "running" << "010" << "";
-    QTest::newRow("stopped") << "stop" << "101" << msg(2060);
-    QTest::newRow("running after a stop") << "stop,running" << "110" << msg(2060);
-    QTest::newRow("failure report") << "running,failure" << "101" << "失败";
-}
-
-void TestDlgDownload::buttonStates()
-{
-    QFETCH(QString, action);
-    QFETCH(QString, states);
-    QFETCH(QString, lastLine);
-    dlgDownLoad dialog{QString(), QString()};
-    for (const QString& step : action.split(QLatin1Char(','))) {
-        if (step == QLatin1String("running"))
+    QVERIFY(background() && background()->isVisible() && !background()->isEnabled());
+    testenv::BoxAnswerer answerer({}, QMessageBox::Ok);
+    for (const QString& step : steps) {
+        const int n = step.section(' ', 1).toInt();
+        if (step == "running")
             dialog.setBntEnable(false, true, false);
-        else if (step == QLatin1String("stop"))
+        else if (step == "stop")
             dialog.clickedStopBt();
-        else if (step == QLatin1String("failure"))
-            dialog.resetUpgrageUI(QStringLiteral("失败"));
-    }
-    QCOMPARE(enabledButtons(dialog), states);
-    QCOMPARE(paneLines(dialog).last(), lastLine);
-}
-
-void TestDlgDownload::closeIgnoredWhileRunning_data()
-{
-    QTest::addColumn<bool>("escape"); // closed with the Escape key, else through close()
-    QTest::newRow("close") << false;
-    QTest::newRow("escape") << true;
-}
-
-void TestDlgDownload::closeIgnoredWhileRunning()
-{
-    QFETCH(bool, escape);
-    dlgDownLoad dialog{QString(), QString()};
-    dialog.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-    WinBackground* background = nullptr;
-    for (QWidget* widget : QApplication::topLevelWidgets()) {
-        if (auto* found = qobject_cast<WinBackground*>(widget))
-            background = found;
-    }
-    QVERIFY(background != nullptr);
-    QVERIFY(background->isVisible());
-    QVERIFY(!background->isEnabled());
-    const auto closeIt = [&] {
-        if (escape)
-            QTest::keyClick(&dialog, Qt::Key_Escape);
-        else
+        else if (step == "failure")
+            dialog.resetUpgrageUI("失败");
+        else if (step.startsWith("state"))
+            dialog.m_loadState = n;
+        else if (step == "resume")
+            dialog.setResumeMode(true);
+        else if (step == "close")
             dialog.close();
-    };
-
-    dialog.m_loadState = 1;
-    closeIt();
-    QVERIFY(dialog.isVisible());
-    QVERIFY(background->isVisible());
-
+        else if (step == "escape")
+            QTest::keyClick(&dialog, Qt::Key_Escape);
+        else if (step.startsWith("tick"))
+            for (int i = 0; i < n; ++i)
+                dialog.onTimer();
+        else if (step == "touch")
+            touchSecond(dialog);
+        else
+            child<QPushButton>(dialog, "btnRestart")->setText(msg(step == "quit" ? 2010 : 2007));
+        if (step == "quit" || step == "restart")
+            child<QPushButton>(dialog, "btnRestart")->click();
+    }
+    QCOMPARE(testenv::enabledButtons(dialog, {"btnStart", "btnStop", "btnRestart"}), buttons);
+    const QStringList lines = testenv::paneLines(dialog);
+    QCOMPARE(lines.mid(lines.size() - pane.size()), pane);
+    QCOMPARE(dialog.isVisible(), visible);
+    QCOMPARE(background()->isVisible(), visible);
+    QStringList seen;
+    for (const testenv::SeenBox& box : answerer.seen())
+        seen << box.title + '|' + box.text;
+    QCOMPARE(seen, boxes);
+    QVERIFY(!QFile::exists(m_panel->path("/var/run/reboot-requested")));
     dialog.m_loadState = 2;
-    closeIt();
-    QVERIFY(!dialog.isVisible());
-    QVERIFY(!background->isVisible());
-}
-
-void TestDlgDownload::resumeCloseAsksAndReboots()
-{
-    dlgDownLoad dialog{QString(), QString()};
-    dialog.setResumeMode(true);
-    testenv::BoxAnswerer answerer({QMessageBox::Ok, QMessageBox::Ok});
-    QVERIFY(dialog.close());
-
-    QCOMPARE(answerer.seen().size(), 2);
-    const testenv::SeenBox& note = answerer.seen()[0];
-    QCOMPARE(note.title, msg(2030));
-    QCOMPARE(note.text, QStringLiteral("运行环境已更新，需要重启系统，请确认!"));
-    QCOMPARE(note.buttons, QStringList{QStringLiteral("确认")});
-    QCOMPARE(note.icon, QMessageBox::Information);
-    QVERIFY(note.flags & Qt::WindowStaysOnTopHint);
-    const testenv::SeenBox& failure = answerer.seen()[1];
-    QCOMPARE(failure.title, msg(2030));
-    QCOMPARE(failure.text, QString::fromLocal8Bit(std::strerror(5)));
-    QVERIFY(!QFile::exists(m_panel->path(QStringLiteral("/var/run/reboot-requested"))));
-}
-
-void TestDlgDownload::countdownAndRestart()
-{
-    dlgDownLoad dialog{QString(), QString()};
-    dialog.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-    testenv::BoxAnswerer answerer({QMessageBox::Ok});
-    for (int tick = 0; tick < 10; ++tick)
-        dialog.onTimer();
-    QVERIFY(answerer.seen().isEmpty());
-    // At 0 "restart" tries the reboot and reports why it failed.
-    dialog.onTimer();
-    QCOMPARE(answerer.seen().size(), 1);
-    QCOMPARE(answerer.seen()[0].title, QStringLiteral("提示"));
-    QCOMPARE(answerer.seen()[0].text, QString::fromLocal8Bit(std::strerror(5)));
-    QVERIFY(dialog.isVisible());
-    // After a failed reboot the countdown starts over at 10 and has already
-    // been counted down once.
-    dialog.onTimer();
-    QStringList expected;
-    for (int seconds = 10; seconds >= 0; --seconds)
-        expected << QString::number(seconds) + QStringLiteral("秒钟后自动重启...");
-    QCOMPARE(paneLines(dialog), expected << QStringLiteral("9秒钟后自动重启..."));
-
-    // "Quit" only closes.
-    auto* restart = child<QPushButton>(dialog, "btnRestart");
-    restart->setText(msg(2010));
-    restart->click();
-    QCOMPARE(answerer.seen().size(), 1);
-    QVERIFY(!dialog.isVisible());
-}
-
-void TestDlgDownload::directModeReport_data()
-{
-    QTest::addColumn<bool>("direct");
-    QTest::addColumn<bool>("ok");
-    QTest::addColumn<QByteArray>("report");
-    QTest::addColumn<bool>("closed");
-
-    QTest::newRow("success") << true << true << QByteArray("[成功]\n正在检测磁盘空间...\n升级工程结束!\n\n") << true;
-    QTest::newRow("failure") << true << false << QByteArray("[失败]\n正在检测磁盘空间...\n升级工程结束!\n\n") << true;
-    QTest::newRow("not direct") << false << true << QByteArray("[开始]\n") << false;
-}
-
-void TestDlgDownload::directModeReport()
-{
-    QFETCH(bool, direct);
-    QFETCH(bool, ok);
-    QFETCH(QByteArray, report);
-    QFETCH(bool, closed);
-    const QString path = m_stick->path() + QStringLiteral("/out/pro_update_result.log");
-    QVERIFY(CLogger::GetInstance()->open(path));
-    CLogger::GetInstance()->writeReport(msg(2105));
-
-    dlgDownLoad dialog{QString(), QString()};
-    dialog.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-    dialog.setDirectMode(direct);
-    dialog.setTextEditContent(msg(2044));
-    dialog.resetUpgrageUI(msg(2059) + QLatin1Char('\n'));
-    dialog.updateFinish(ok);
-
-    QCOMPARE(dialog.m_loadState, 2);
-    QCOMPARE(dialog.isVisible(), !closed);
-    QCOMPARE(CLogger::GetInstance()->isOpen(), !direct);
-    CLogger::GetInstance()->close();
-    QCOMPARE(testenv::readFile(path), report);
-    dialog.close();
-}
-
-void TestDlgDownload::askYesNo_data()
-{
-    QTest::addColumn<bool>("question");
-    QTest::addColumn<int>("answer");
-    QTest::addColumn<bool>("expected");
-
-    QTest::newRow("question, yes") << true << int(QMessageBox::Yes) << true;
-    QTest::newRow("question, no") << true << int(QMessageBox::No) << false;
-    QTest::newRow("information, closed") << false << int(QMessageBox::Cancel) << false;
-}
-
-void TestDlgDownload::askYesNo()
-{
-    QFETCH(bool, question);
-    QFETCH(int, answer);
-    QFETCH(bool, expected);
-    dlgDownLoad dialog{QString(), QString()};
-    dialog.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-    testenv::BoxAnswerer answerer({QMessageBox::StandardButton(answer)});
-    const bool result = dialog.askYesNo(
-        question ? dlgDownLoad::QuestionIcon::Question : dlgDownLoad::QuestionIcon::Information, msg(2034), msg(2116));
-
-    QCOMPARE(result, expected);
-    QCOMPARE(answerer.seen().size(), 1);
-    const testenv::SeenBox& box = answerer.seen()[0];
-    QCOMPARE(box.title, QStringLiteral("升级运行环境确认"));
-    QCOMPARE(box.text, msg(2116));
-    QCOMPARE(box.icon, question ? QMessageBox::Question : QMessageBox::Information);
-    QCOMPARE(box.buttons, (QStringList{QStringLiteral("是"), QStringLiteral("否")}));
-    QVERIFY(box.flags & Qt::WindowStaysOnTopHint);
+    dialog.setResumeMode(false);
     dialog.close();
 }
 

@@ -11,9 +11,13 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
+#include <csignal>
+#include <cstring>
 #include <functional>
 
 #include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/sysinfo.h>
 
 namespace {
 
@@ -33,12 +37,18 @@ struct Scenario
     // null text removes the entry, a path ending in "/" is made a directory.
     Tree edits;
     bool pullStick = false;   // the project leaves the stick once the copy starts
+    bool otherCopy = false;   // another copy of the package runs: it is stopped
     QStringList lines;        // the report after its marker, the success line last on success
     // The panel afterwards against before: a text is put there, a null text
     // removes the entry, and "DIR/*" removes everything below DIR.
     Tree changes;
     QStringList untouched;    // panel files that keep their inode and time stamp
     int exitCode = 0;
+    // The arguments after "-s proj" and the report; "${OUT}" is a fresh directory
+    // where an earlier, longer report is, "${EXE}" the executable's.
+    QStringList args = {"-p ${OUT}"};
+    QString report = "${OUT}/pro_update_result.log";
+    bool rebootWorks = false; // else a successful download's reboot fails, so the run ends as a process does
 };
 
 // The report up to the announcement of a step, on a run that passes all before.
@@ -51,6 +61,32 @@ const QList<int> kToCopy = {2050, 2051, 2053};
 const QList<int> kCopied = {2056, 2058};
 const QString kProjectArea = QStringLiteral("/usr/kavo_app/project");
 const QByteArray kKeptFont("a project font that is already in place\n");
+const QByteArray kZeroLed("lead18008"); // its CRC-32 is 0000E859
+
+QByteArray lowerCrcs(QByteArray ini)
+{
+    for (int at = ini.indexOf("CRC="); at >= 0; at = ini.indexOf("CRC=", at + 1)) {
+        const int end = ini.indexOf('\n', at);
+        ini.replace(at + 4, end - at - 4, ini.mid(at + 4, end - at - 4).toLower());
+    }
+    return ini;
+}
+
+// The size of the file system the temporary panels are made on, in whole MiB.
+quint64 dataMiB()
+{
+    struct statfs64 fs = {};
+    statfs64(QFile::encodeName(QDir::tempPath()).constData(), &fs);
+    return quint64(fs.f_frsize) * quint64(fs.f_blocks) >> 20;
+}
+
+QByteArray pattern(int size)
+{
+    QByteArray data(size, '\0');
+    for (int i = 0; i < size; ++i)
+        data[i] = char(i * 131 + i / 977);
+    return data;
+}
 
 QStringList packageFailure(int id)
 {
@@ -62,13 +98,16 @@ QStringList downloaded(const QList<int>& ids)
     return texts(ids) << msg(2059) + QLatin1Char('\n');
 }
 
-// The project area holding exactly the project's files for it.
-Tree replaced(const kit::ProjectSpec& project)
+// The project area holding exactly the project's files for it, and with
+// `everywhere` every file at its absolute destination ("DownLoadFile" and the
+// character after it cut from its name).
+Tree replaced(const kit::ProjectSpec& project, bool everywhere = false)
 {
     Tree changes{{QStringLiteral("usr/kavo_app/project/*"), QByteArray()}};
     for (const kit::PackageFile& file : project.files) {
-        if (file.desPath == kProjectArea)
-            changes.insert(kProjectArea.mid(1) + QLatin1Char('/') + file.name, file.content);
+        if (file.desPath == kProjectArea || (everywhere && file.desPath.startsWith('/')))
+            changes.insert(file.desPath.mid(1) + '/' + (file.name.startsWith("DownLoadFile") ? file.name.mid(13) : file.name),
+                           file.content);
     }
     return changes;
 }
@@ -79,6 +118,17 @@ void row(const char* tag, const QStringList& lines, const std::function<void(Sce
     s.lines = lines;
     if (setup)
         setup(s);
+    // A download that succeeds leaves exactly the project's files in its area.
+    if (lines.contains(msg(2059) + '\n')) {
+        if (!s.rebootWorks) {
+            s.env << "KAVO_SIM_REBOOT_ERRNO=5";
+            s.lines << msg(1010).arg(strerror(5));
+            s.exitCode = 1;
+        }
+        Tree changes = replaced(s.project, true);
+        changes.insert(s.changes);
+        s.changes = changes;
+    }
     QTest::newRow(tag) << s;
 }
 
@@ -113,19 +163,6 @@ Tree applied(Tree tree, const Tree& changes)
         }
     }
     return tree;
-}
-
-// The entries that differ, each as "path md5", for a readable failure.
-QString difference(const Tree& actual, const Tree& expected)
-{
-    QSet<QString> sets[2];
-    for (int i : {0, 1}) {
-        const Tree& tree = i == 0 ? actual : expected;
-        for (auto it = tree.cbegin(); it != tree.cend(); ++it)
-            sets[i] << it.key() + ' ' + QCryptographicHash::hash(it.value(), QCryptographicHash::Md5).toHex();
-    }
-    return "unexpected: " + QStringList((sets[0] - sets[1]).values()).join(", ") + "\nmissing: "
-           + QStringList((sets[1] - sets[0]).values()).join(", ");
 }
 
 QString stamp(const QString& path)
@@ -166,9 +203,10 @@ void tst_download_e2e::download_data()
     QTest::addColumn<Scenario>("scenario");
     using kit::PackageFile;
 
-    // $ destinations, user files, a project font already in place, a font the
-    // new project does not bring, and two data areas of which one cannot be cleared.
-    row("v7 variant, $ destinations, kept font, recipe not cleared",
+    // $ destinations, user files, fonts kept, replaced and removed, a link out
+    // of the old project, checksums in lower case, two data areas of which one
+    // cannot be cleared.
+    row("v7 variant, $ destinations, fonts, recipe not cleared",
         downloaded(kToDisk + kToCopy + kCopied + QList<int>{2069, 2071, 2072, 2073}), [](Scenario& s) {
             s.project.variant = "v7";
             s.project.clearRecipe = true;
@@ -177,17 +215,23 @@ void tst_download_e2e::download_data()
                 {"context.dat", "project context\n", kProjectArea},
                 {"project.bin", "the new project\n", kProjectArea},
                 {"myfont.ttf", kKeptFont, "/usr/kavo_app/font"},
-                {"DownLoadFile/manual.txt", "user manual\n", "/data/userfile"},
+                {"changed.ttf", "the new project's version of a font\n", "/usr/kavo_app/font"},
+                {"DownLoadFile/x/manual.txt", "user manual\n", "/data/userfile"},
+                {"DownLoadFile/oldfont.ttf", "a user file named like a font\n", "/data/userfile"},
                 {"a.cfg", "below the variable's directory\n", "$OPX_E2E_DEST/sub"},
                 {"b.cfg", "in the variable's directory\n", "$OPX_E2E_DEST"},
             };
-            s.panel.fonts.insert("myfont.ttf", kKeptFont);
-            s.panel.fonts.insert("oldfont.ttf", "a font only the old project used\n");
+            // Only fonts the project brings stay, by exact name; the panel's own stay.
+            s.panel.fonts.insert({{"myfont.ttf", kKeptFont}, {"MyFont.TTF", "x\n"}, {".hidden.ttf", "x\n"},
+                                  {"changed.ttf", "an old font\n"}, {"oldfont.ttf", "old\n"}});
             s.env = QStringList{"OPX_E2E_DEST=/usr/kavo_app/extra", "KAVO_SIM_DELSAVEDATA_FAIL=1"};
-            s.edits.insert("usr/kavo_app/kavo_download_flag", "interrupted\n");
-            s.changes = replaced(s.project);
+            s.edits.insert({{"usr/kavo_app/kavo_download_flag", "interrupted\n"},
+                            {"usr/kavo_app/font/sub/inner.ttf", "in a subdirectory\n"},
+                            {"usr/kavo_app/project/recipes", "link:../../../data/recipe"},
+                            {"stick/proj/v7/project.ini", lowerCrcs(kit::projectIniText(s.project))}});
             s.changes.insert({{"usr/kavo_app/font/oldfont.ttf", {}},
-                              {"data/userfile/manual.txt", "user manual\n"},
+                              {"usr/kavo_app/font/MyFont.TTF", {}},
+                              {"usr/kavo_app/font/.hidden.ttf", {}},
                               {"usr/kavo_app/extra/sub/a.cfg", "below the variable's directory\n"},
                               {"usr/kavo_app/extra/b.cfg", "in the variable's directory\n"},
                               {"data/history/history.dat", {}},
@@ -203,34 +247,45 @@ void tst_download_e2e::download_data()
             s.project.scrambledIni = true;
             s.project.clearAlarm = true;
             s.project.clearInitValue = true;
-            s.changes = replaced(s.project);
+            s.rebootWorks = true;
+            // Version parts compare as numbers.
+            s.panel.runtime = {"7.11.0", "7.9.9"};
+            s.project.setVersion = "7.10.0";
+            s.project.minRunVersion = "7.11.0";
+            // Exactly the data partition's size in MiB and this machine's cores.
+            s.project.diskCapacity = QString::number(dataMiB());
+            s.project.cpuCore = QString::number(get_nprocs());
             s.changes.insert({{"data/alarm/alarm.dat", {}}, {"data/initvalue/init.dat", {}}});
         });
-    // The runtime copy beside the project is not offered in direct mode.
+    // The runtime copy beside the project is not offered in direct mode. Files
+    // of many blocks and of none; "DownLoadFile" and the character after it
+    // are cut from a name whatever that character is.
     row("no variant directory, user area cleared", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
         [](Scenario& s) {
             s.project.withRuntime = true;
             s.project.clearUserDir = true;
-            s.project.files << PackageFile{"DownLoadFile/new.txt", "a new user file\n", "/data/userfile"};
-            s.changes = replaced(s.project);
-            s.changes.insert({{"data/userfile/*", {}}, {"data/userfile/new.txt", "a new user file\n"}});
-        });
-    // Cleared and not refilled, the user file area is still there for the
-    // runtime and the next download.
-    row("user area cleared, no user files", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
-        [](Scenario& s) {
-            s.project.clearUserDir = true;
-            s.changes = replaced(s.project);
+            s.project.files << PackageFile{"DownLoadFile/new.txt", "a new user file\n", "/data/userfile"}
+                            << PackageFile{"big.bin", pattern(5 * 1024 + 17), kProjectArea}
+                            << PackageFile{"empty.bin", "", kProjectArea}
+                            << PackageFile{"DownLoadFileX.dat", "odd\n", "/data/userfile"};
             s.changes.insert("data/userfile/*", {});
         });
-    // Nobody is there to answer a box: the report and the exit status tell.
-    row("reboot fails", downloaded(kToDisk + kToCopy + kCopied) << QStringLiteral("系统重启失败!Input/output error"),
+    // Cleared and not refilled, the user file area is still there. A checksum
+    // with leading zeros is written without them; an empty one leaves the size
+    // to decide. The installed runtime is sound: logger.ini may differ, its
+    // version's first word names the list, no text of it runs as a command.
+    row("user area cleared, no user files, checksums", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
         [](Scenario& s) {
-            s.env = QStringList{"KAVO_SIM_REBOOT_ERRNO=5"};
-            s.changes = replaced(s.project);
-            s.exitCode = 1;
+            s.project.clearUserDir = true;
+            s.project.minRunVersion = "7.5.0"; // the same version fits, whatever the minimums
+            s.project.files << PackageFile{"lead.bin", kZeroLed, kProjectArea} << PackageFile{"check.bin", "123456789", kProjectArea};
+            s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("CRC=CBF43926", "CRC="));
+            s.edits.insert({{"usr/kavo_app/config/logger.ini", "changed\n"},
+                            {"usr/kavo_app/version.7.2.1;touch${IFS}pwned", "copy:usr/kavo_app/version.7.2.1"},
+                            {"usr/kavo_app/update.ini", "[PREPARE]\nversion=\"7.2.1;touch${IFS}pwned b3\"\n"
+                                                        "minsetversion=7.0.0\nproduct=KavoPro\n"}});
+            s.changes.insert("data/userfile/*", {});
         });
-
     // Failures before anything on the panel changes.
     row("no C library", packageFailure(2012), [](Scenario& s) { s.edits.insert("lib/libc.so.6", {}); });
     row("C library of no known platform", packageFailure(2013),
@@ -243,12 +298,19 @@ void tst_download_e2e::download_data()
     row("description without a global key", packageFailure(2120), [](Scenario& s) {
         s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("VERSION=", "VERSIONS="));
     });
-    row("project for another platform",
-        texts({2011}) << QStringLiteral("平台不兼容，OPX5的工程只能运行在OPX5的屏上！") << msg(2020), [](Scenario& s) {
+    row("project for another platform, its name trimmed",
+        texts({2011}) << QStringLiteral("平台不兼容，触摸屏五的工程只能运行在触摸屏五的屏上！") << msg(2020), [](Scenario& s) {
             s.project.platform = "5";
-            s.project.platformName = "OPX5";
+            s.project.platformName = "  触摸屏五  ";
         });
     row("no files", packageFailure(2016), [](Scenario& s) { s.project.files.clear(); });
+    row("negative file count", packageFailure(2016), [](Scenario& s) {
+        s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("FILENUM=2\n", "FILENUM=-3\n"));
+    });
+    row("zero-padded checksum", packageFailure(2019), [](Scenario& s) {
+        s.project.files << PackageFile{"lead.bin", kZeroLed, kProjectArea};
+        s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("CRC=E859", "CRC=0000E859"));
+    });
     row("package file missing", packageFailure(2018),
         [](Scenario& s) { s.edits.insert("stick/proj/project.bin", {}); });
     row("package file changed, same size", packageFailure(2019),
@@ -259,35 +321,61 @@ void tst_download_e2e::download_data()
         s.edits.insert("stick/proj/version.ini", "[version]\nproduct=\nsetversion=7.2.1\nminrunversion=7.0.0\n");
     });
 
-    const auto hardware = [](int code) {
+    const auto hardware = [](int code, const char* product = "KavoPro") {
         return texts(kToHardware)
-               << QStringLiteral("下位机硬件条件检验不通过，错误码：%1，KavoPro 版本工程无法在此屏上运行！").arg(code);
+               << QStringLiteral("下位机硬件条件检验不通过，错误码：%1，%2 版本工程无法在此屏上运行！").arg(code).arg(product);
     };
     row("hardware: data partition unknown", hardware(0), [](Scenario& s) {
         s.project.diskCapacity = "1";
         s.edits.insert("data", {});
     });
-    row("hardware: disk too small", hardware(-1), [](Scenario& s) { s.project.diskCapacity = "99999999"; });
+    // Numbers read as the panel's 32-bit strtol reads them: digits up to the
+    // first other character, stopping at the limits.
+    row("hardware: disk too small, saturated", hardware(-1), [](Scenario& s) { s.project.diskCapacity = "99999999999999"; });
+    row("hardware: disk too small, with a unit", hardware(-1), [](Scenario& s) { s.project.diskCapacity = "99999999MB"; });
+    row("hardware: one MiB more than the data partition", hardware(-1),
+        [](Scenario& s) { s.project.diskCapacity = QString::number(dataMiB() + 1); });
+    row("hardware: one core more than there are", hardware(-3),
+        [](Scenario& s) { s.project.cpuCore = QString::number(get_nprocs() + 1); });
     row("hardware: platform not listed", hardware(-2),
         [](Scenario& s) { s.project.hardwarePlatforms = QStringList{"5", "7"}; });
-    row("hardware: too few cores", hardware(-3), [](Scenario& s) { s.project.cpuCore = "4096"; });
-    // "platform=" names no platform, so it restricts none.
+    row("hardware: too few cores", hardware(-3), [](Scenario& s) { s.project.cpuCore = "4096 cores"; });
+    // Its series asks for four cores where the project names none.
+    if (get_nprocs() < 4)
+        row("hardware: KavoStu needs four cores", hardware(-3, "KavoStu"), [](Scenario& s) {
+            s.panel.runtime.product = "KavoStu";
+            s.project.product = "KavoStu";
+        });
+    // "platform=" names no platform, so it restricts none. The runtime is newer and accepts the project.
     row("hardware: empty platform list", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
         s.project.hardwarePlatforms = QStringList{QString()};
-        s.changes = replaced(s.project);
+        s.panel.runtime.version = "7.3.0";
+        s.project.setVersion = "7.2.0";
+        s.project.minRunVersion = "7.5.0";
     });
     // Only the groups the description holds are files, whatever count it names.
+    // The project is newer and runs on the runtime.
     row("description: file count far beyond its groups", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
+        s.panel.runtime = {"7.2.0", "7.9.0"};
+        s.project.setVersion = "7.4.0";
+        s.project.minRunVersion = "7.1.0";
         s.edits.insert("stick/proj/project.ini",
-                       kit::projectIniText(s.project).replace("FILENUM=2\n", "FILENUM=2147483647\n"));
-        s.changes = replaced(s.project);
+                       kit::projectIniText(s.project).replace("FILENUM=2\n", "FILENUM=2147483647\n")
+                           + "[FILE03]\nNAME=a\n[FILE0]\nNAME=b\n[FILE4x]\nNAME=c\n[file5]\nNAME=d\n");
     });
     // An unattended download never offers the runtime update.
+    // md5sum's summary line after a failure ("... did NOT match") is no "OK".
     row("installed runtime damaged", texts(kToRuntime) << msg(2115), [](Scenario& s) {
         s.project.withRuntime = true;
         s.project.runtime.version = "7.3.0";
-        s.edits.insert("usr/kavo_app/bin/kavo_app", "damaged runtime application\n");
+        s.panel.runtime.files.insert("lib/libOPX.so", "a runtime library\n");
+        s.edits.insert("usr/kavo_app/lib/libOPX.so", "damaged\n");
     });
+    row("installed runtime of an empty series", texts(kToRuntime) << msg(2115), [](Scenario& s) {
+        s.edits.insert("usr/kavo_app/update.ini", "[PREPARE]\nversion=7.2.1\nminsetversion=7.0.0\nproduct=\n");
+    });
+    row("installed runtime without its list", texts(kToRuntime) << msg(2115),
+        [](Scenario& s) { s.edits.insert("usr/kavo_app/version.7.2.1", {}); });
     row("runtime of another series",
         texts(kToSeries)
             << QStringLiteral("当前下位机运行环境为 KavoStu，不能升级 KavoPro 的工程！请升级 KavoPro 的运行环境后重试！"),
@@ -296,6 +384,9 @@ void tst_download_e2e::download_data()
         s.panel.runtime.product = "kavopro";
         s.project.setVersion = QString();
     });
+    row("minrunversion missing", texts(kToVersions) << msg(2036), [](Scenario& s) { s.project.minRunVersion = QString(); });
+    row("minsetversion missing", texts(kToVersions) << msg(2036),
+        [](Scenario& s) { s.panel.runtime.minSetVersion = QString(); });
     row("design environment too old",
         texts(kToVersions) << QStringLiteral("组态环境版本不匹配，请升级组态环境至7.3.0版本！"), [](Scenario& s) {
             s.panel.runtime.version = "7.3.0";
@@ -338,6 +429,18 @@ void tst_download_e2e::download_data()
         s.project.files << PackageFile{"escaped.bin", "outside the panel\n", kProjectArea + "/../../../../escaped"};
         s.changes = replaced(s.project);
     });
+    // A project not on the stick, its report in a directory still to be made.
+    row("report in a new nested directory, another copy running", packageFailure(2014), [](Scenario& s) {
+        s.edits.insert("stick/proj", {});
+        s.otherCopy = true;
+        s.args = QStringList{"-p ${OUT}/a/b"};
+        s.report = "${OUT}/a/b/pro_update_result.log";
+    });
+    row("without -p the report goes beside the executable", packageFailure(2014), [](Scenario& s) {
+        s.edits.insert("stick/proj", {});
+        s.args.clear();
+        s.report = "${EXE}/pro_update_result.log";
+    });
     row("stick pulled during the copy", texts(kToDisk + kToCopy + QList<int>{2054, 2055}), [](Scenario& s) {
         s.pullStick = true;
         s.project.files.prepend(PackageFile{"large.bin", QByteArray(48 << 20, 'l'), kProjectArea});
@@ -369,6 +472,10 @@ void tst_download_e2e::download()
         const QString path = (onStick ? stick + edit.key().mid(5) : panel + '/' + edit.key());
         if (path.endsWith(QLatin1Char('/')))
             QVERIFY(QDir().mkpath(path));
+        else if (edit.value().startsWith("link:"))
+            QVERIFY(QFile::link(edit.value().mid(5), path));
+        else if (edit.value().startsWith("copy:"))
+            QVERIFY(QFile::copy(panel + '/' + edit.value().mid(5), path));
         else if (edit.value().isNull())
             QVERIFY(QFileInfo(path).isDir() ? QDir(path).removeRecursively() : QFile::remove(path));
         else
@@ -390,7 +497,11 @@ void tst_download_e2e::download()
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process.setStandardOutputFile(QProcess::nullDevice()); // a line per copied file
     QString program = stick + "/opxupdateu/opxupdateu_proj.bin";
-    QStringList arguments = {"-s " + scenario.project.name, "-p " + outDir.path()};
+    QStringList arguments{"-s proj"};
+    for (const QString& arg : scenario.args + QStringList{scenario.report})
+        arguments << QString(arg).replace("${OUT}", outDir.path()).replace("${EXE}", stick + "/opxupdateu");
+    const QString report = arguments.takeLast();
+    QVERIFY(testenv::writeFile(outDir.path() + "/pro_update_result.log", QByteArray(5000, 'O')));
     if (!scenario.mount.isEmpty()) {
         // A private tmpfs over a panel directory, for this run only.
         arguments = QStringList{"-m", "sh", "-c", "mount -t tmpfs -o \"$1\" tmpfs \"$2\" || exit 99; shift 2; exec \"$@\"",
@@ -398,10 +509,15 @@ void tst_download_e2e::download()
                     + arguments;
         program = "unshare";
     }
+    QProcess copy;
+    if (scenario.otherCopy) {
+        QVERIFY(QFile::copy("/bin/sleep", outDir.path() + "/opxupdateu_proj.bin"));
+        copy.start(outDir.path() + "/opxupdateu_proj.bin", {"600"});
+        QTRY_VERIFY(testenv::readFile(QStringLiteral("/proc/%1/cmdline").arg(copy.processId())).startsWith(outDir.path().toUtf8()));
+    }
     process.start(program, arguments);
     QVERIFY(process.waitForStarted());
 
-    const QString report = outDir.path() + "/pro_update_result.log";
     QElapsedTimer clock;
     clock.start();
     if (scenario.pullStick) {
@@ -415,6 +531,7 @@ void tst_download_e2e::download()
     const bool rebooted = success && scenario.exitCode == 0;
     QCOMPARE(process.exitStatus(), QProcess::NormalExit);
     QCOMPARE(process.exitCode(), scenario.exitCode);
+    QVERIFY(!scenario.otherCopy || (copy.waitForFinished(10000) && copy.exitCode() == SIGTERM));
     QCOMPARE(QString::fromUtf8(testenv::readFile(report)),
              msg(success ? 2106 : 2107) + scenario.lines.join('\n') + '\n');
 
@@ -429,7 +546,9 @@ void tst_download_e2e::download()
     Tree actual = snapshot(panel);
     if (scenario.pullStick) // whether the first file was opened before the stick went is timing
         actual.remove("usr/kavo_app/project/large.bin");
-    QVERIFY2(actual == expected, qPrintable(difference(actual, expected)));
+    QCOMPARE(actual.keys(), expected.keys());
+    for (const QString& path : expected.keys())
+        QVERIFY2(actual.value(path) == expected.value(path), qPrintable(path));
     for (int i = 0; i < scenario.untouched.size(); ++i)
         QVERIFY2(stamp(panel + scenario.untouched.at(i)) == stampsBefore.at(i), qPrintable(scenario.untouched.at(i)));
     // Nothing beside the panel root, and no clear copy of a scrambled file in its /tmp.

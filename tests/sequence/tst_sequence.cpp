@@ -1,13 +1,14 @@
 // The download sequence in process, where the operator has a say: the runtime
 // update questions and what each answer leads to, the hand-over to the runtime
-// updater, the stop, start and restart buttons while the sequence runs, and scrambled descriptions read
-// one after the other.
+// updater, the stop, start and restart buttons pressed while the sequence
+// runs, and scrambled descriptions read one after the other.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 
 #include "boxanswerer.h"
+#include "dialogprobe.h"
 #include "testenv.h"
 
 #include <QApplication>
@@ -23,7 +24,6 @@ using testenv::texts;
 
 // The pane up to the end of the installed runtime's check.
 const QList<int> kToRuntimeChecked = {2011, 2021, 2112, 2114, 2117, 2118};
-// From the series check to the end of a successful download.
 QStringList downloaded()
 {
     return texts({2022, 2028, 2035, 2039, 2044, 2050, 2051, 2053, 2056, 2058}) << msg(2059) + '\n';
@@ -47,6 +47,38 @@ QMap<QString, QByteArray> panelFiles(const QString& root)
     return files;
 }
 
+const QString kCopy = QStringLiteral("/proj/KavoPro/v7/kavo_app");
+
+// Prepares a runtime question: "damaged" (the installed runtime), "installed
+// VERSION|PRODUCT" (its description; its MD5 list is named by the version's
+// first word), "copy VERSION|PRODUCT" (the package's runtime copy's scrambled
+// description), "rm PATH", "write PATH|TEXT", "mv PATH|PATH" (on the stick; /tmp
+// the panel's).
+void edit(const QString& step, const QString& stick, const QString& panel)
+{
+    const QString verb = step.section(' ', 0, 0);
+    const QStringList args = step.section(' ', 1).split('|');
+    const QByteArray version = args.value(0).toUtf8();
+    const QByteArray product = args.value(1, "KavoPro").toUtf8();
+    const QString dir = panel + "/usr/kavo_app/";
+    if (verb == "damaged") {
+        QVERIFY(testenv::writeFile(dir + "bin/kavo_app", "damaged application\n"));
+    } else if (verb == "installed") {
+        QVERIFY(testenv::writeFile(dir + "update.ini", "[PREPARE]\nversion=" + version + "\nminsetversion=7.0.0\nproduct=" + product + "\n"));
+        const QString list = dir + "version." + version.split(' ').value(0);
+        QVERIFY(QFile::exists(list) || QFile::copy(dir + "version.7.2.1", list));
+    } else if (verb == "copy") {
+        QVERIFY(kit::writeScrambled(stick + kCopy + "/update.ini",
+                                    ";;;#\n[PREPARE]\nversion=" + version + "\nminsetversion=7.0.0\nproduct=" + product + "\n"));
+    } else if (verb == "rm") {
+        QVERIFY(QFile::remove(stick + args[0]));
+    } else if (verb == "write") {
+        QVERIFY(testenv::writeFile((args[0].startsWith("/tmp/") ? panel : stick) + args[0], args[1].toUtf8()));
+    } else {
+        QVERIFY(QDir().mkpath(QFileInfo(stick + args[1]).path()) && QDir().rename(stick + args[0], stick + args[1]));
+    }
+}
+
 } // namespace
 
 class tst_sequence : public QObject
@@ -58,8 +90,6 @@ private slots:
     void cleanup();
     void runtimeQuestions_data();
     void runtimeQuestions();
-    void stopMidway_data();
-    void stopMidway();
     void scrambledDescriptionsInTurn();
 
 private:
@@ -109,165 +139,157 @@ std::unique_ptr<dlgDownLoad> tst_sequence::prepare(const kit::ProjectSpec& proje
 
 void tst_sequence::runtimeQuestions_data()
 {
-    QTest::addColumn<bool>("installedDamaged");
-    QTest::addColumn<QString>("runtimeCopy"); // how the package's runtime copy is made
-    QTest::addColumn<bool>("yes");            // the operator's answer
-    QTest::addColumn<QString>("box");         // "title|text" of the one box the operator sees
-    QTest::addColumn<QStringList>("tail");    // the pane after the installed runtime's check
-    QTest::addColumn<bool>("handedOver");     // the updater was started and the dialog closed
+    QTest::addColumn<QStringList>("edits"); // see edit()
+    QTest::addColumn<bool>("yes");          // the operator's answer
+    // Buttons pressed in one go once the pane ends in message WHEN, or once the
+    // first file has begun ("copy"), as "WHEN:BUTTON,BUTTON"; the project then
+    // begins with a large file, and clears the user file area for "copy" and 2046.
+    QTest::addColumn<QString>("presses");
+    QTest::addColumn<QString>("box");       // "title|text" of the one box the operator sees; empty: none
+    QTest::addColumn<QStringList>("tail");  // the pane after the installed runtime's check
+    QTest::addColumn<bool>("handedOver");   // the updater was started and the dialog closed
 
-    const bool yes = true;
-    const bool no = false;
     const QString damaged = msg(2034) + '|' + msg(2116);
     const QString newer = msg(2034) + '|' + msg(2033).arg("7.2.1", "7.3.0");
     const QString unreadable = msg(2030) + '|' + msg(2031);
-    QTest::newRow("damaged runtime, no update") << true << "sound" << no << damaged << texts({2115}) << false;
-    QTest::newRow("damaged runtime, damaged copy")
-        << true << "damaged" << yes << damaged << QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)}
-        << false;
-    QTest::newRow("damaged runtime, copy of empty product")
-        << true << "empty product" << yes << damaged << texts({2041}) << false;
-    QTest::newRow("damaged runtime, copy of a series in other case")
-        << true << "kavopro" << yes << damaged << texts({2042}) << false;
-    QTest::newRow("damaged runtime, updated") << true << "sound" << yes << damaged << downloaded() << true;
-    QTest::newRow("newer runtime, updated") << false << "sound" << yes << newer << downloaded() << true;
-    QTest::newRow("newer runtime, project only") << false << "sound" << no << newer << downloaded() << false;
-    QTest::newRow("unreadable runtime copy, project only")
-        << false << "unscrambled" << yes << unreadable << downloaded() << false;
-    QTest::newRow("unreadable runtime copy, cancelled")
-        << false << "unscrambled" << no << unreadable << texts({2026}) << false;
+    const QStringList done = downloaded();
+    const auto row = [](const char* tag, const QStringList& edits, bool yes, const char* presses = "") -> QTestData& {
+        return QTest::newRow(tag) << edits << yes << QString(presses);
+    };
+    // Nothing has been deleted yet at the disk check: the run ends where it is.
+    // The copy sees the stop within its block; neither the restart nor the start
+    // pressed meanwhile may start anything, nor a reboot be tried.
+    const QStringList toDisk = texts({2022, 2028, 2035, 2039, 2044});
+    row("stop during the disk check", {"copy 7.2.1"}, true, "2044:btnStop") << "" << toDisk + texts({2060}) << false;
+    row("stop, then start during the disk check", {"copy 7.2.1"}, true, "2044:btnStop,btnStart")
+        << "" << toDisk + texts({2060}) << false;
+    row("stop as the user file area is to be cleared", {"copy 7.2.1"}, true, "2046:btnStop")
+        << "" << toDisk + texts({2046, 2060}) << false;
+    row("stop as the old project is to go", {"copy 7.2.1"}, true, "2050:btnStop") << "" << toDisk + texts({2050, 2060}) << false;
+    row("restart, stop, restart, start during the copy", {"copy 7.2.1"}, true, "copy:btnRestart,btnStop,btnRestart,btnStart")
+        << "" << toDisk + texts({2046, 2047, 2050, 2051, 2053, 2060, 2055}) << false;
+    row("damaged runtime, no update", {"damaged"}, false) << damaged << texts({2115}) << false;
+    // Without both the series' updater and the helper nothing can be updated.
+    row("damaged runtime, no updater of the series", {"damaged", "rm /proj/KavoPro/opxupdateu.bin"}, true)
+        << "" << texts({2115}) << false;
+    // No text of a description runs as a command.
+    const QString named = "7.3.0'$(touch${IFS}pwned)'";
+    row("damaged runtime, damaged copy", {"damaged", "write " + kCopy + "/lib/libkavo.so|another\n", "copy " + named,
+                                          "mv " + kCopy + "/version.7.3.0|" + kCopy + "/version." + named}, true)
+        << damaged << QStringList{msg(2068).arg("lib/libkavo.so: FAILED"), msg(2040)} << false;
+    // The copy's first failure is reported, logger.ini too.
+    row("damaged runtime, copy's logger.ini changed", {"damaged", "write " + kCopy + "/config/logger.ini|changed\n"}, true)
+        << damaged << QStringList{msg(2068).arg("config/logger.ini: FAILED"), msg(2040)} << false;
+    row("damaged runtime, copy without its list", {"damaged", "rm " + kCopy + "/version.7.3.0"}, true)
+        << damaged << QStringList{msg(2066).arg("version.7.3.0"), msg(2040)} << false;
+    row("damaged runtime, copy's description unscrambled",
+        {"damaged", "write " + kCopy + "/update.ini|;;;#\n[PREPARE]\nversion=7.3.0\n"}, true)
+        << damaged << texts({2065, 2040}) << false;
+    row("damaged runtime, copy of empty product", {"damaged", "copy 7.3.0|"}, true) << damaged << texts({2041}) << false;
+    row("damaged runtime, copy of a series in other case", {"damaged", "copy 7.3.0|kavopro"}, true)
+        << damaged << texts({2042}) << false;
+    row("damaged runtime, updated", {"damaged", "write /tmp/pkgProductCheck.ini|a stale copy\n"}, true) << damaged << done << true;
+    row("newer runtime, updated", {}, true) << newer << done << true;
+    row("newer runtime, project only", {}, false) << newer << done << false;
+    row("newer runtime, no helper", {"rm /opxupdateu/helper/opxupdateu_helper.bin"}, true) << "" << done << false;
+    // Versions compare as text, the first word of each.
+    row("equal versions", {"installed 7.3.0"}, true) << "" << done << false;
+    row("7.10.0 is older than 7.9.0 as text", {"installed 7.9.0", "copy 7.10.0"}, true) << "" << done << false;
+    row("versions with further words", {"installed 7.2.1 build3", "copy   7.3.0   build5 "}, true)
+        << newer << done << true;
+    row("installed runtime without a version, series in other case", {"installed |kavopro"}, false)
+        << msg(2034) + '|' + msg(2032).arg("7.3.0") << texts({2022, 2028, 2035, 2036}) << false;
+    // Another series on the panel is always asked, whatever the versions.
+    row("panel of another series", {"installed 7.9.0|KavoStu"}, false)
+        << msg(2034) + '|' + msg(2108).arg("KavoStu", "KavoPro 7.3.0")
+        << (texts({2022}) << msg(2109).arg("KavoStu", "KavoPro", "KavoPro")) << false;
+    row("unscrambled runtime copy, project only", {"write " + kCopy + "/update.ini|[PREPARE]\nversion=7.3.0\n"}, true)
+        << unreadable << done << false;
+    row("runtime copy of another variant, cancelled", {"mv " + kCopy + "|/proj/KavoPro/v5/kavo_app"}, false)
+        << unreadable << texts({2026}) << false;
+    row("blank runtime copy version, cancelled", {"copy    "}, false) << unreadable << texts({2026}) << false;
 }
 
 void tst_sequence::runtimeQuestions()
 {
-    QFETCH(bool, installedDamaged);
-    QFETCH(QString, runtimeCopy);
+    QFETCH(QStringList, edits);
     QFETCH(bool, yes);
+    QFETCH(QString, presses);
     QFETCH(QString, box);
     QFETCH(QStringList, tail);
     QFETCH(bool, handedOver);
-
     kit::ProjectSpec project;
-    project.variant = QStringLiteral("v7");
+    project.variant = "v7";
     project.withRuntime = true;
-    project.runtime.version = QStringLiteral("7.3.0");
-    if (runtimeCopy == QLatin1String("kavopro"))
-        project.runtime.product = QStringLiteral("kavopro");
+    project.runtime.version = "7.3.0";
+    const bool duringCopy = presses.startsWith("copy");
+    project.clearUserDir = duringCopy || presses.startsWith("2046");
+    if (!presses.isEmpty())
+        project.files.prepend(kit::PackageFile{"large.bin", QByteArray(16 << 20, 'x'), "/usr/kavo_app/project"});
     std::unique_ptr<dlgDownLoad> dialog = prepare(project);
     QVERIFY(dialog);
-
-    const QString copy = m_stick->path() + "/proj/KavoPro/v7/kavo_app";
-    if (runtimeCopy == QLatin1String("damaged"))
-        QVERIFY(testenv::writeFile(copy + "/lib/libkavo.so", "another library\n"));
-    else if (runtimeCopy == QLatin1String("empty product"))
-        QVERIFY(kit::writeScrambled(copy + "/update.ini",
-                                    ";;;#\n[PREPARE]\nversion=7.3.0\nminsetversion=7.0.0\nproduct=\n"));
-    else if (runtimeCopy == QLatin1String("unscrambled"))
-        QVERIFY(testenv::writeFile(copy + "/update.ini", kit::updateIniText(project.runtime)));
-    if (installedDamaged)
-        QVERIFY(testenv::writeFile(m_panel->path("/usr/kavo_app/bin/kavo_app"), "damaged application\n"));
+    for (const QString& step : edits)
+        edit(step, m_stick->path(), m_panel->root());
     const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
+    const QString large = m_panel->path("/usr/kavo_app/project/large.bin");
+    bool pressed = false;
+    QTimer press;
+    connect(&press, &QTimer::timeout, [&] {
+        if (pressed || !(duringCopy ? QFileInfo(large).size() > 0 : paneText(*dialog).endsWith(msg(presses.section(':', 0, 0).toInt()))))
+            return;
+        pressed = true;
+        // click() works on disabled buttons too: what a button does when it
+        // can be pressed is the sequence's business, not the button state's.
+        for (const QString& name : presses.section(':', 1).split(','))
+            QMetaObject::invokeMethod(dialog->findChild<QPushButton*>(name), "clicked");
+    });
+    if (!presses.isEmpty())
+        press.start(0);
 
     dialog->show();
     QVERIFY(QTest::qWaitForWindowExposed(dialog.get()));
     {
         testenv::BoxAnswerer answerer({yes ? QMessageBox::Yes : QMessageBox::No}, QMessageBox::No);
         dialog->clickedStartBt();
-        QCOMPARE(answerer.seen().size(), 1);
-        const testenv::SeenBox& seen = answerer.seen().first();
-        QCOMPARE(seen.title + '|' + seen.text, box);
-        QCOMPARE(seen.buttons, (QStringList{msg(1004), msg(1005)}));
-        if (seen.title == msg(2034))
-            QCOMPARE(seen.icon, QMessageBox::Question);
+        press.stop();
+        QCOMPARE(pressed, !presses.isEmpty());
+        QCOMPARE(answerer.seen().size(), box.isEmpty() ? 0 : 1);
+        for (const testenv::SeenBox& seen : answerer.seen()) {
+            QCOMPARE(seen.title + '|' + seen.text, box);
+            QCOMPARE(seen.buttons, (QStringList{msg(1004), msg(1005)}));
+            QCOMPARE(seen.icon, seen.title == msg(2034) ? QMessageBox::Question : QMessageBox::Information);
+            QVERIFY(seen.flags & Qt::WindowStaysOnTopHint);
+        }
     }
-
     QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
-    if (tail.last() == msg(2059) + '\n') {
+    const bool done = tail.last() == msg(2059) + '\n';
+    if (done) {
         QCOMPARE(testenv::readFile(m_panel->path("/usr/kavo_app/project/project.bin")), QByteArray("the new project\n"));
-        QVERIFY(dialog->isCountingDown());
-    } else {
-        QCOMPARE(panelFiles(m_panel->root()), before);
-        QVERIFY(!dialog->isCountingDown());
-    }
-    QCOMPARE(dialog->isVisible(), !handedOver);
-    dialog.reset();
-
-    const QString recorded = m_panel->path("/tmp/updater.args");
-    if (handedOver) {
-        QTRY_VERIFY(QFile::exists(recorded));
-        QCOMPARE(QString::fromUtf8(testenv::readFile(recorded)),
-                 QStringLiteral("-project %1/ proj\n-product KavoPro\n-lanID 0003\n").arg(m_stick->path()));
-    } else {
-        QTest::qWait(100);
-        QVERIFY(!QFile::exists(recorded));
-    }
-}
-
-void tst_sequence::stopMidway_data()
-{
-    QTest::addColumn<QString>("when");      // "disk check": at line 2044; "copy": once the first file has begun
-    QTest::addColumn<QStringList>("presses"); // buttons pressed then, in one go
-    QTest::addColumn<QStringList>("tail");    // the pane after the version check
-
-    const QStringList toDisk = texts({2022, 2028, 2035, 2039, 2044});
-    // Nothing has been deleted yet: the run ends where it is.
-    QTest::newRow("stop during the disk check") << "disk check" << QStringList{"btnStop"} << toDisk + texts({2060});
-    QTest::newRow("stop, then start during the disk check")
-        << "disk check" << QStringList{"btnStop", "btnStart"} << toDisk + texts({2060});
-    // The copy sees the stop within its block; neither the restart nor the
-    // start pressed meanwhile may start anything.
-    QTest::newRow("restart, stop, start during the copy")
-        << "copy" << QStringList{"btnRestart", "btnStop", "btnRestart", "btnStart"}
-        << toDisk + texts({2046, 2047, 2050, 2051, 2053, 2060, 2055});
-}
-
-void tst_sequence::stopMidway()
-{
-    QFETCH(QString, when);
-    QFETCH(QStringList, presses);
-    QFETCH(QStringList, tail);
-    kit::ProjectSpec project;
-    project.clearUserDir = true;
-    project.files.prepend(kit::PackageFile{"large.bin", QByteArray(16 << 20, 'x'), "/usr/kavo_app/project"});
-    std::unique_ptr<dlgDownLoad> dialog = prepare(project);
-    QVERIFY(dialog);
-    const QMap<QString, QByteArray> before = panelFiles(m_panel->root());
-    const QString large = m_panel->path("/usr/kavo_app/project/large.bin");
-
-    auto* stop = dialog->findChild<QPushButton*>(QStringLiteral("btnStop"));
-    bool pressed = false;
-    QTimer press;
-    connect(&press, &QTimer::timeout, [&] {
-        const bool now = when == QLatin1String("copy") ? QFileInfo(large).size() > 0
-                                                       : paneText(*dialog).endsWith(msg(2044));
-        if (!now || pressed)
-            return;
-        pressed = true;
-        // click() works on disabled buttons too: what a button does when it
-        // can be pressed is the sequence's business, not the button state's.
-        for (const QString& name : presses)
-            QMetaObject::invokeMethod(dialog->findChild<QPushButton*>(name), "clicked");
-    });
-    press.start(0);
-    testenv::BoxAnswerer answerer;
-    dialog->clickedStartBt();
-    press.stop();
-
-    QVERIFY(pressed);
-    QCOMPARE(paneText(*dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
-    // No reboot was tried: it would have told its failure in a box.
-    QCOMPARE(answerer.seen().size(), 0);
-    QCOMPARE(dialog->windowTitle(), QStringLiteral("proj"));
-    QVERIFY(dialog->findChild<QPushButton*>(QStringLiteral("btnStart"))->isEnabled());
-    QVERIFY(!stop->isEnabled());
-    if (when == QLatin1String("copy")) {
+    } else if (duringCopy) {
         // The copy ended inside the first file: nothing after it was written.
         QVERIFY(!QFile::exists(m_panel->path("/usr/kavo_app/project/context.dat")));
         QVERIFY(QFileInfo(large).size() < (16 << 20));
     } else {
-        // Neither the user file area nor the old project was touched.
         QCOMPARE(panelFiles(m_panel->root()), before);
     }
+    if (pressed)
+        QCOMPARE(testenv::enabledButtons(*dialog, {"btnStart", "btnStop"}), QStringLiteral("10"));
+    QCOMPARE(dialog->isCountingDown(), done);
+    QCOMPARE(dialog->isVisible(), !handedOver);
+    QVERIFY(!QFile::exists(m_stick->path() + kCopy + "/pwned"));
+    dialog->close();
+    QVERIFY(!dialog->isCountingDown());
+    dialog.reset();
+
+    const QString recorded = m_panel->path("/tmp/updater.args");
+    if (!handedOver) {
+        QTest::qWait(100);
+        QVERIFY(!QFile::exists(recorded));
+        return;
+    }
+    QTRY_VERIFY(QFile::exists(recorded));
+    QCOMPARE(QString::fromUtf8(testenv::readFile(recorded)),
+             QStringLiteral("-project %1/ proj\n-product KavoPro\n-lanID 0003\n").arg(m_stick->path()));
 }
 
 void tst_sequence::scrambledDescriptionsInTurn()
