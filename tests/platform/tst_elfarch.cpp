@@ -99,6 +99,8 @@ void tst_ElfArch::files_data()
     attrs("after Tag_also_compatible_with", fileAttributes(tag(65, text("\x06\x05")) + arch10), 10);
     attrs("after unknown odd tag 69", fileAttributes(tag(69, text("\x06\x07")) + arch10), 10);
     attrs("after unknown even tag 68", fileAttributes(tag(68, QByteArray("\x86\x06", 2)) + arch10), 10);
+    attrs("tag number beyond 64 bits", fileAttributes(QByteArray(11, '\xff') + QByteArray("\x01", 1) + text("x") + arch10), 10);
+    attrs("scope tag unterminated", "A" + vendor("aeabi", QByteArray("\x81", 1)), -1);
     attrs("value with redundant bytes", fileAttributes(tag(6, QByteArray("\x8a\x80\x00", 3))), 10);
     attrs("value above int", fileAttributes(tag(6, uleb(quint64(1) << 31))), -1);
     attrs("value beyond 64 bits", fileAttributes(tag(6, QByteArray(12, '\xff') + QByteArray("\x01", 1))), -1);
@@ -130,10 +132,12 @@ void tst_ElfArch::files_data()
     image("count 0, 0xffffffff in section 0", patched(good, {{0, 20, 4, 0xffffffff}, {h, kShnum, 2, 0}}), -1);
     image("names index in section 0", patched(byName, {{0, 24, 4, 2}, {h, kShstrndx, 2, 0xffff}}), 10);
     image("names index out of range", patched(byName, {{h, kShstrndx, 2, 7}}), -1);
+    image("names offset 0xfffffff0", patched(byName, {{2, 16, 4, 0xfffffff0}}), -1);
     image("name offset 0xfffffff0", patched(byName, {{1, 0, 4, 0xfffffff0}}), -1);
     image("name cut by the names' end", patched(byName, {{2, 20, 4, 16}}), -1);
     image("attributes type only in section 0",
           patched(good, {{0, 4, 4, kit::kShtArmAttributes}, {0, 16, 4, 52}, {0, 20, 4, 25}, {1, 4, 4, 1}, {1, 0, 4, 17}}), -1);
+    image("attributes size 0xffffffff", patched(good, {{1, 20, 4, 0xffffffff}}), -1);
     image("attributes past end", patched(good, {{1, 16, 4, quint32(good.size() - 10)}}), -1);
     // Real libraries end with their section header table as well.
     image("armhf libc less 41 bytes", testenv::readFile(kArmhfLibc).chopped(41), -1);

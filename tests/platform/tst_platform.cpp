@@ -8,7 +8,10 @@
 #include <QScopeGuard>
 #include <QtTest>
 
+#include <memory>
+
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -50,6 +53,7 @@ void tst_Platform::panelPaths_data()
     QTest::newRow(".. on the panel itself") << QByteArray() << "/../x" << "/../x";
     QTest::newRow("UTF-8 root and path") << QByteArray("/tmp/面板") << "/data/用户" << "/tmp/面板/data/用户";
     // A package file's name joined to its relocated destination stays inside.
+    QTest::newRow("confined inside") << rb << "confine:" + r + "/d/x/../y.dat" << r + "/d/x/../y.dat";
     QTest::newRow("confined, name climbs out") << rb << "confine:" + r + "/d/x/../../../esc.dat" << refused;
     QTest::newRow("confined, beside the root") << rb << "confine:" + r + "-other/d/y.dat" << refused;
     QTest::newRow("confined on the panel itself") << QByteArray() << "confine:/d/../../e.dat" << "/d/../../e.dat";
@@ -103,6 +107,9 @@ void tst_Platform::simulatedFunctions_data()
     row("saved data, all four", "delsave 15", "KAVO_SIM_DELSAVEDATA_FAIL=x", "0", {"!data/history/f", "!data/alarm/f", "!data/initvalue/f"});
     row("saved data, faults", "delsave 7", "KAVO_SIM_DELSAVEDATA_FAIL=0xa", "2", {"!data/recipe/f", "data/history/f", "!data/alarm/f"});
     row("stick", "stick opxbackup/b.bin\nstick missing/b.bin", "KAVO_UDISK_ROOT={R}", "0 -1", {"opxbackup/b.bin=abc"});
+    // Without KAVO_UDISK_ROOT the stick is the parent of the executable's directory.
+    row("stick of the executable", "stick " + QFileInfo(QCoreApplication::applicationDirPath()).fileName() + "/b.bin", "", "0");
+    row("file lock", "lock", "", "1 0 0 -1 0 0");
     // The runtime is whatever the pid file names while that process lives; a
     // damaged file never names init or a process group.
     row("runtime by its pid file", "stop\npid {live}\npid  {live} \npid \npid {live} 1\npid -{live}\npid 1\npid 0\npid 99999999999", "", "0 0 1 1 0 0 0 0 0 0");
@@ -153,6 +160,7 @@ void tst_Platform::simulatedFunctions()
         } else if (verb == "stick") {
             const int fd = Kavo_udisk_open(arg.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             put(fd >= 0 && write(fd, "abc", 3) == 3 && close(fd) == 0 ? 0 : -1);
+            QVERIFY(!env.isEmpty() || QFile::remove(QCoreApplication::applicationDirPath() + "/b.bin"));
         } else if (verb == "pid") {
             QVERIFY(testenv::writeFile(r + "/var/run/kavo_app.pid", arg));
             put(__check_application_state(0) == 0 ? 1 : 0);
@@ -162,6 +170,14 @@ void tst_Platform::simulatedFunctions()
             for (int i = 0; i < 50 && __check_application_state(0) == 0; ++i)
                 QThread::msleep(20);
             put(__check_application_state(0) == 0 ? 1 : 0);
+        } else if (verb == "lock") { // held while a locker lives, never inherited; none without a file
+            TOOL::COMMON::FileLock lock(QFile::encodeName(r + "/tmp/kavo_app_conf.lck").constData()), missing(QFile::encodeName(r + "/no/x").constData());
+            const int other = open(QFile::encodeName(r + "/tmp/kavo_app_conf.lck").constData(), O_RDONLY | O_CLOEXEC);
+            put((fcntl(lock.fd(), F_GETFD) & FD_CLOEXEC) != 0), put(flock(other, LOCK_SH | LOCK_NB)), put(flock(other, LOCK_UN));
+            auto locker = std::make_unique<TOOL::COMMON::FileLocker>(lock);
+            put(flock(other, LOCK_EX | LOCK_NB)), locker.reset(), put(flock(other, LOCK_EX | LOCK_NB));
+            put(TOOL::COMMON::FileLocker(missing).locked() || TOOL::COMMON::FileLock(nullptr).fd() != -1);
+            close(other);
         } else if (verb == "reboot") { // in a child, which a reboot ends with status 0
             fflush(nullptr);
             const pid_t child = fork();

@@ -15,6 +15,7 @@ class tst_startup : public QObject
 private slots:
     void parseOptions_data();
     void parseOptions();
+    void findPackageProcesses();
     void resumeFailedBox();
 };
 
@@ -47,6 +48,21 @@ void tst_startup::parseOptions()
     startup::StartupOptions o;
     startup::parseOptions(arguments, o);
     QTEST(QString("%1 %2 %3|%4|%5|%6").arg(o.haveProject).arg(o.haveDirect).arg(o.projectResult).arg(o.projectArg, o.resultDir, o.lanId), "parsed");
+}
+
+// A stand-in for /proc: only a command line whose first string is the package's
+// executable, by path or bare, counts; only its first 255 bytes are read.
+void tst_startup::findPackageProcesses()
+{
+    QTemporaryDir proc;
+    const QList<QPair<QString, QByteArray>> entries = {{"101", QByteArray("/mnt/usb/opxupdateu/opxupdateu_proj.bin\0-s p\0", 45)},
+        {"102", "opxupdateu_proj.bin"}, {"201", QByteArray("/mnt/opxupdateu_proj.bin.old\0", 29)}, {"202", QByteArray("sh\0opxupdateu_proj.bin\0", 23)},
+        {"203", ""}, {"204", "/" + QByteArray(250, 'd') + "/opxupdateu_proj.bin"}, {"self", "opxupdateu_proj.bin"}};
+    for (const auto& entry : entries)
+        QVERIFY(testenv::writeFile(proc.path() + "/" + entry.first + "/cmdline", entry.second) && QDir().mkpath(proc.path() + "/205"));
+    std::vector<pid_t> found = startup::findPackageProcesses(proc.path());
+    std::sort(found.begin(), found.end());
+    QVERIFY(found == (std::vector<pid_t>{101, 102}) && startup::findPackageProcesses(proc.path(), 1).size() == 1);
 }
 
 // The runtime updater reported a failure: the operator is told, and the
