@@ -1,156 +1,74 @@
-// Scrambled configuration files: the byte transform, the chunked conversion
-// (255-byte chunks) with its mark rule, and the producer side.
+// Scrambled configuration files: the byte transform (rotate left by 3, then
+// XOR 0x6B), the conversion in 255-byte chunks with its mark rule, and the
+// clear copy's target rules.
 #include "download/qsettingsfactory.h"
 #include "testenv.h"
 
-#include <QRandomGenerator>
 #include <QtTest>
 
 using testenv::readFile;
-using testenv::writeFile;
-
-namespace {
-
-QByteArray scramble(QByteArray data)
-{
-    for (char& c : data)
-        c = char(QSettingsFactory::encryptByte(uchar(c)));
-    return data;
-}
-
-QByteArray randomBytes(int size)
-{
-    QRandomGenerator generator(4711u + quint32(size));
-    QByteArray data(size, '\0');
-    for (char& c : data)
-        c = char(generator.bounded(256));
-    return data;
-}
-
-// `size` bytes of INI-like text whose fourth byte is `fourth`.
-QByteArray textWithFourth(int size, char fourth)
-{
-    QByteArray data = QByteArray("[GLOBAL]\nkey = value\n").repeated(size / 21 + 1).left(size);
-    data[3] = fourth;
-    return data;
-}
-
-} // namespace
 
 class TestScramble : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void byteTransform_data();
-    void byteTransform();
-    void roundTrip_data();
-    void roundTrip();
-    void markRule_data();
-    void markRule();
-    void unopenableFiles();
-
-private:
-    QString path(const char* name) const { return m_dir.filePath(QLatin1String(name)); }
-    QTemporaryDir m_dir;
+    void convert_data();
+    void convert();
 };
 
-void TestScramble::byteTransform_data()
-{
-    QTest::addColumn<int>("scrambled");
-    QTest::addColumn<int>("clear");
-    // Rotate left by 3, then XOR 0x6B, worked out by hand.
-    QTest::newRow("00") << 0x00 << 0x6B;
-    QTest::newRow("01") << 0x01 << 0x63; // 01 -> 08 -> 63
-    QTest::newRow("80") << 0x80 << 0x6F; // 80 -> 04 -> 6F
-    QTest::newRow("FF") << 0xFF << 0x94;
-    QTest::newRow("A5") << 0xA5 << 0x46; // A5 -> 2D -> 46
-}
-
-void TestScramble::byteTransform()
-{
-    QFETCH(int, scrambled);
-    QFETCH(int, clear);
-    QCOMPARE(int(QSettingsFactory::decryptByte(uchar(scrambled))), clear);
-    QCOMPARE(int(QSettingsFactory::encryptByte(uchar(clear))), scrambled);
-}
-
-void TestScramble::roundTrip_data()
+void TestScramble::convert_data()
 {
     QTest::addColumn<QByteArray>("clear");
     QTest::addColumn<int>("type");
-    for (int size : {0, 1, 3, 254, 255, 256, 510, 511, 1000})
-        QTest::addRow("random %d", size) << randomBytes(size) << int(CRYPT_NO_MARK);
-    for (int size : {4, 255, 256, 511, 100000})
-        QTest::addRow("marked %d", size) << textWithFourth(size, '#') << int(CRYPT_WITH_MARK);
-}
-
-void TestScramble::roundTrip()
-{
-    QFETCH(QByteArray, clear);
-    QFETCH(int, type);
-    QVERIFY(writeFile(path("clear.in"), clear));
-    QVERIFY(QSettingsFactory::encryptFile(path("clear.in"), path("scrambled.ini")));
-    QCOMPARE(readFile(path("scrambled.ini")), scramble(clear));
-    QVERIFY(QSettingsFactory::decryptFile(path("scrambled.ini"), path("clear.out"), CRYPT_TYPE(type)));
-    QCOMPARE(readFile(path("clear.out")), clear);
-}
-
-void TestScramble::markRule_data()
-{
-    QTest::addColumn<QByteArray>("clear");
-    QTest::addColumn<int>("type");
+    QTest::addColumn<QString>("target"); // "link" and "dangling" are links planted there
     QTest::addColumn<bool>("converted");
-
-    QTest::newRow("marked, empty") << QByteArray() << 0 << false;
-    QTest::newRow("marked, 3 bytes") << QByteArray("##[") << 0 << false;
-    QTest::newRow("marked, fourth not #") << QByteArray("###[GLOBAL]") << 0 << false;
-    QTest::newRow("marked, 4 bytes") << QByteArray("abc#") << 0 << true;
-    QTest::newRow("marked, # only in second chunk") << textWithFourth(300, 'x').replace(258, 1, "#") << 0 << false;
-    QTest::newRow("marked, no # in second chunk") << textWithFourth(300, '#').replace(258, 1, "x") << 0 << true;
-    QTest::newRow("even type 2 checks") << QByteArray("abcd") << 2 << false;
-    QTest::newRow("unmarked, empty") << QByteArray() << 1 << true;
-    QTest::newRow("unmarked, fourth not #") << QByteArray("abcd") << 1 << true;
-    QTest::newRow("odd type 3 skips") << QByteArray("abcd") << 3 << true;
+    QByteArray all(100000, '\0'); // every value, "#" fourth
+    for (int i = 0; i < all.size(); ++i)
+        all[i] = char(i == 3 ? '#' : i * 7 + i / 256);
+    for (int size : {0, 1, 3, 254, 255, 256, 510, 511, 100000})
+        QTest::addRow("unmarked %d", size) << all.left(size) << 1 << "out" << true;
+    for (int size : {4, 255, 256, 511})
+        QTest::addRow("marked %d", size) << all.left(size) << 0 << "out" << true;
+    QTest::newRow("marked, empty") << QByteArray() << 0 << "out" << false;
+    QTest::newRow("marked, 3 bytes") << QByteArray("##[") << 0 << "out" << false;
+    QTest::newRow("marked, third is #") << QByteArray("###[GLOBAL]") << 0 << "out" << false;
+    QTest::newRow("marked, # only in second chunk") << QByteArray(300, 'x').replace(258, 1, "#") << 0 << "out" << false;
+    QTest::newRow("even type 2 checks") << QByteArray("abcd") << 2 << "out" << false;
+    QTest::newRow("odd type 3 skips") << QByteArray("abcd") << 3 << "out" << true;
+    // A link planted at the clear copy's path is not followed, whether its file exists or not.
+    QTest::newRow("link at the target") << all.left(10) << 1 << "link" << false;
+    QTest::newRow("dangling link at the target") << all.left(10) << 1 << "dangling" << false;
+    QTest::newRow("target directory missing") << all.left(10) << 1 << "nodir/x" << false;
 }
 
-void TestScramble::markRule()
+void TestScramble::convert()
 {
     QFETCH(QByteArray, clear);
     QFETCH(int, type);
+    QFETCH(QString, target);
     QFETCH(bool, converted);
-    QVERIFY(writeFile(path("mark.ini"), scramble(clear)));
-    // Left over from an earlier conversion: it must be truncated either way.
-    QVERIFY(writeFile(path("mark.out"), QByteArray(600, 'z')));
+    QTemporaryDir dir;
+    const auto path = [&dir](const QString& name) { return dir.filePath(name); };
+    QByteArray scrambled = clear;
+    for (char& c : scrambled)
+        c = char(QSettingsFactory::encryptByte(uchar(c)));
+    QCOMPARE(int(QSettingsFactory::encryptByte(0x6B)) * 256 + QSettingsFactory::encryptByte(0x46), 0x00A5); // worked out by hand
+    QCOMPARE(int(QSettingsFactory::decryptByte(0x80)) * 256 + QSettingsFactory::decryptByte(0xFF), 0x6F94);
+    QVERIFY(testenv::writeFile(path("clear.in"), clear) && testenv::writeFile(path("victim"), "kept"));
+    QVERIFY(QSettingsFactory::encryptFile(path("clear.in"), path("scrambled.ini")));
+    QCOMPARE(readFile(path("scrambled.ini")), scrambled);
+    QVERIFY(testenv::writeFile(path("out"), QByteArray(600, 'z'))); // left over from an earlier run: truncated either way
+    QVERIFY(QFile::link(path("victim"), path("link")) && QFile::link(path("planted"), path("dangling")));
 
-    QCOMPARE(QSettingsFactory::decryptFile(path("mark.ini"), path("mark.out"), CRYPT_TYPE(type)), converted);
-    QVERIFY(QFile::exists(path("mark.out")));
-    QCOMPARE(readFile(path("mark.out")), converted ? clear : QByteArray());
-}
-
-void TestScramble::unopenableFiles()
-{
-    QVERIFY(writeFile(path("present.ini"), scramble("abc#def")));
-    const QList<QPair<QString, QString>> cases = {
-        {path("absent.ini"), path("absent.out")},                // missing source
-        {path("present.ini"), path("no/such/dir/present.out")}, // target directory missing
-    };
-    for (const auto& c : cases) {
-        QVERIFY(!QSettingsFactory::decryptFile(c.first, c.second, CRYPT_WITH_MARK));
-        QVERIFY(!QSettingsFactory::decryptFile(c.first, c.second, CRYPT_NO_MARK));
-        QVERIFY(!QSettingsFactory::encryptFile(c.first, c.second));
-    }
-    QVERIFY(!QFile::exists(path("no/such/dir")));
-
-    // A link planted at the target is not followed, whether its file exists or not.
-    QVERIFY(writeFile(path("victim"), "kept"));
-    QVERIFY(QFile::link(path("victim"), path("link.out")) && QFile::link(path("planted"), path("dangling.out")));
-    for (const char* link : {"link.out", "dangling.out"}) {
-        QVERIFY(!QSettingsFactory::decryptFile(path("present.ini"), path(link), CRYPT_NO_MARK));
-        QVERIFY(QFileInfo(path(link)).isSymLink());
-    }
+    QCOMPARE(QSettingsFactory::decryptFile(path("scrambled.ini"), path(target), CRYPT_TYPE(type)), converted);
+    QCOMPARE(readFile(path(target)), converted ? clear : QByteArray(target == "link" ? "kept" : ""));
+    QVERIFY(!QFile::exists(path("planted")) && !QFile::exists(path("nodir")) && QFileInfo(path("link")).isSymLink());
     QCOMPARE(readFile(path("victim")), QByteArray("kept"));
-    QVERIFY(!QFile::exists(path("planted")));
+    // A missing source leaves the target as it was.
+    QVERIFY(!QSettingsFactory::decryptFile(path("absent"), path("out"), CRYPT_TYPE(type)));
+    QCOMPARE(readFile(path("out")), target == "out" ? (converted ? clear : QByteArray()) : QByteArray(600, 'z'));
+    QVERIFY(!QSettingsFactory::encryptFile(path("absent"), path("x")) && !QSettingsFactory::encryptFile(path("clear.in"), path("nodir/x")));
 }
 
 QTEST_GUILESS_MAIN(TestScramble)

@@ -8,7 +8,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <unistd.h>
 
 namespace testenv {
 
@@ -96,40 +95,6 @@ TempStick::TempStick()
               && QFile::setPermissions(executable(), QFileDevice::ReadOwner | QFileDevice::WriteOwner
                                                          | QFileDevice::ExeOwner | QFileDevice::ReadGroup
                                                          | QFileDevice::ExeGroup);
-}
-
-QStringList pidNamespaceOptions()
-{
-    static const QStringList options = [] {
-        QStringList tried{"-p", "-f", "--mount-proc"};
-        if (geteuid() != 0)
-            tried.prepend("-r");
-        QProcess probe;
-        probe.start("unshare", tried + QStringList{"true"});
-        const bool works = probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit
-                           && probe.exitCode() == 0;
-        return works ? tried : QStringList();
-    }();
-    return options;
-}
-
-bool writeNamespaceLauncher(const QString& path, const QString& program, const QString& before)
-{
-    const QStringList options = pidNamespaceOptions();
-    if (options.isEmpty())
-        return false;
-    // bash's own glob counts the namespace's processes without starting one;
-    // as their first process it also collects every orphan that ends.
-    const QString script = QStringLiteral("#!/bin/bash\n"
-                                          "[ $$ = 1 ] || exec unshare %1 \"$0\" \"$@\"\n"
-                                          "%2\n"
-                                          "'%3' \"$@\"\n"
-                                          "status=$?\n"
-                                          "for i in {1..600}; do set -- /proc/[0-9]*; [ $# -le 1 ] && break; sleep 0.1; done\n"
-                                          "exit $status\n")
-                               .arg(options.join(' '), before, program);
-    return writeFile(path, script.toUtf8())
-           && QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 }
 
 RunResult runPackage(const TempStick& stick, const QString& panelRoot, const QStringList& arguments,

@@ -78,21 +78,6 @@ private:
     bool m_valid = false;
 };
 
-// The unshare options that give a program a PID namespace of its own, with
-// its own /proc ("-p -f --mount-proc", with "-r" when not run as root), or
-// empty when this machine allows none.
-QStringList pidNamespaceOptions();
-
-// Writes at `path` an executable launcher that runs `program` with the
-// launcher's arguments, after the bash commands `before`, as the first
-// process of a PID namespace of its own. The package and its updater stop
-// every running copy of the package they can see; inside the namespace they
-// see only what the test started. The launcher ends with `program`'s status
-// once every process started inside has ended (at most a minute later; what
-// is left then ends with the namespace). False when there is no namespace
-// (pidNamespaceOptions) or the file cannot be written.
-bool writeNamespaceLauncher(const QString& path, const QString& program, const QString& before = QString());
-
 struct RunResult
 {
     bool finished = false;

@@ -1,83 +1,40 @@
-// The runtime updater's logic on simulated panels and sticks: the hand-over
-// arguments, which runtime copy it takes for the panel, what it installs, and
-// that a faulty copy leaves the panel as it was.
-#include "helper/runtimeupdater.h"
+// The runtime updater program as the download starts it, one hand-over a row:
+// on a stick whose package executable is a stand-in that records how it was
+// started again, while a stand-in of the run that handed over still goes on
+// towards its reboot. The test program has a PID namespace of its own, so the
+// updater's stop of running packages reaches only this test's stand-ins.
 #include "recordingdownload.h"
 #include "testenv.h"
-#include "tools/kit/armelf.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/runtime.h"
+#include "tools/kit/stick.h"
 
 #include <QtTest>
 
 namespace {
 
-kit::RuntimeSpec installedRuntime()
-{
-    kit::RuntimeSpec spec;
-    spec.version = QStringLiteral("7.1.0");
-    spec.files = {{"bin/kavo_app", "runtime 7.1.0\n"}, {"lib/libkavo.so", "library 7.1.0\n"},
-                  {"config/logger.ini", "[log]\nlevel=1\n"}};
-    return spec;
-}
-
-// The package's copy: every file changed, one new, a version with a build word.
-kit::RuntimeSpec packageRuntime(const QString& version = QStringLiteral("7.2.1 build3"))
-{
-    kit::RuntimeSpec spec;
-    spec.version = version;
-    spec.files = {{"bin/kavo_app", "runtime " + version.toUtf8() + '\n'},
-                  {"lib/libkavo.so", "library " + version.toUtf8() + '\n'},
-                  {"config/logger.ini", "[log]\nlevel=2\n"},
-                  {"share/new.dat", "a file the old runtime did not have\n"}};
-    return spec;
-}
-
 // Every file under `dir` by relative path.
 QMap<QString, QByteArray> snapshot(const QString& dir)
 {
     QMap<QString, QByteArray> files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        files.insert(path.mid(dir.size() + 1), testenv::readFile(path));
-    }
+    for (const QString& name : kit::regularFiles(dir))
+        files.insert(name, testenv::readFile(dir + '/' + name));
     return files;
 }
 
-// A simulated panel with the 7.1.0 runtime and a stick beside it.
-struct Scene
+// The package's copy of a layout: every file changed, one new, a version with a build word.
+kit::RuntimeSpec packageRuntime(const QString& version)
 {
-    explicit Scene(int cpuArch = 10)
-    {
-        kit::PanelSpec spec;
-        spec.cpuArch = cpuArch;
-        spec.runtime = installedRuntime();
-        ready = stick.isValid() && panel.isValid() && kit::makePanel(panel.root(), spec);
-    }
-    QString runtime() const { return panel.path(QStringLiteral("/usr/kavo_app")); }
-    QString version() const { return kit::readRuntimeDescription(runtime() + "/update.ini").version; }
-    // The runtime copy of the project for `layout` ("v7/", "v5/" or "").
-    QString copyDir(const QString& layout = QStringLiteral("v7/")) const
-    {
-        return stick.path() + "/proj/KavoPro/" + layout + "kavo_app";
-    }
-    runtimeupdater::Arguments arguments() const { return {stick.path() + '/', "proj", "KavoPro", "0001"}; }
-
-    testenv::TempPanel panel;
-    QTemporaryDir stick;
-    bool ready = false;
-};
+    kit::RuntimeSpec spec;
+    spec.version = version + " build3";
+    spec.files = {{"bin/kavo_app", "runtime " + version.toUtf8()}, {"lib/libkavo.so", "library " + version.toUtf8()},
+                  {"config/logger.ini", "[log]\nlevel=2\n"}, {"share/new.dat", "a file the old runtime did not have\n"}};
+    return spec;
+}
 
 QByteArray md5Line(const QByteArray& content, const QString& name)
 {
     return QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex() + "  " + name.toUtf8() + '\n';
-}
-
-bool appendTo(const QString& path, const QByteArray& line)
-{
-    QFile file(path);
-    return file.open(QIODevice::Append) && file.write(line) == line.size();
 }
 
 } // namespace
@@ -87,179 +44,153 @@ class tst_updater : public QObject
     Q_OBJECT
 
 private slots:
-    void parsesHandOver_data();
-    void parsesHandOver();
-    void replacesInstalledRuntime();
-    void refusesFaultyCopy_data();
-    void refusesFaultyCopy();
-    void takesCopyOfPanelVariant_data();
-    void takesCopyOfPanelVariant();
+    void handOver_data();
+    void handOver();
 };
 
-// Missing products and projects, and a root with spaces, are also run through
-// the program in tst_helper.
-void tst_updater::parsesHandOver_data()
+void tst_updater::handOver_data()
 {
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QStringList>("parsed"); // root, project, product, language
-    QTest::addColumn<bool>("complete");
-
-    QTest::newRow("as the download hands over")
-        << QStringList{"-project /mnt/usb/ proj", "-product KavoPro", "-lanID 0001"}
-        << QStringList{"/mnt/usb/", "proj", "KavoPro", "0001"} << true;
-    QTest::newRow("order and extra arguments do not matter")
-        << QStringList{"-qws", "-lanID 0003", "-product KavoStu", "-project / p"}
-        << QStringList{"/", "p", "KavoStu", "0003"} << true;
-    QTest::newRow("option names inside the root")
-        << QStringList{"-project /mnt/-lanID-product/ proj", "-product KavoPro", "-lanID 0001"}
-        << QStringList{"/mnt/-lanID-product/", "proj", "KavoPro", "0001"} << true;
-    QTest::newRow("value as the next argument")
-        << QStringList{"-project", "/mnt/usb/ proj", "-product", "KavoPro", "-lanID", "0001"}
-        << QStringList{"/mnt/usb/", "proj", "KavoPro", "0001"} << true;
-    QTest::newRow("language without value") << QStringList{"-project /mnt/usb/ proj", "-product KavoPro", "-lanID"}
-                                            << QStringList{"/mnt/usb/", "proj", "KavoPro", ""} << false;
-    QTest::newRow("project without root") << QStringList{"-project proj", "-product KavoPro", "-lanID 0001"}
-                                          << QStringList{"", "proj", "KavoPro", "0001"} << false;
-}
-
-void tst_updater::parsesHandOver()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QStringList, parsed);
-    QFETCH(bool, complete);
-    const runtimeupdater::Arguments result = runtimeupdater::parseArguments(arguments);
-    QCOMPARE((QStringList{result.rootSlash, result.project, result.product, result.lanId}), parsed);
-    QCOMPARE(result.complete(), complete);
-}
-
-void tst_updater::replacesInstalledRuntime()
-{
-    Scene scene;
-    QVERIFY(scene.ready);
-    const kit::RuntimeSpec spec = packageRuntime();
-    QVERIFY(kit::writeRuntime(scene.copyDir(), spec, true));
-    const QMap<QString, QByteArray> before = snapshot(scene.runtime());
-    QVERIFY(before.contains("project/project.bin"));
-
-    QString error;
-    QVERIFY2(runtimeupdater::updateRuntime(scene.arguments(), error), qPrintable(error));
-
-    // Exactly the copy's files, its description and its list are new; the
-    // project, the fonts and the old list stay; nothing is left half-written.
-    QMap<QString, QByteArray> expected = before;
-    for (auto it = spec.files.cbegin(); it != spec.files.cend(); ++it)
-        expected.insert(it.key(), it.value());
-    expected.insert("update.ini", kit::updateIniText(spec));
-    expected.insert("version.7.2.1", kit::md5List(spec.files));
-    QCOMPARE(snapshot(scene.runtime()), expected);
-    QCOMPARE(scene.version(), QStringLiteral("7.2.1 build3"));
-    QCOMPARE(expected.value("version.7.1.0"), kit::md5List(installedRuntime().files));
-
-    // The resumed download checks the installed runtime with md5sum: it must pass.
-    RecordingDownload probe;
-    QVERIFY(probe.checkAppIntegrity(INSTALLED_APP, qPrintable(scene.runtime())));
-    QCOMPARE(probe.m_panelProduct, QStringLiteral("KavoPro"));
-}
-
-void tst_updater::refusesFaultyCopy_data()
-{
-    QTest::addColumn<QString>("fault");
-    QTest::addColumn<QString>("error");
-
-    // The faulty file sorts last in the list: a check made while copying would
-    // already have replaced the others.
-    QTest::newRow("file differs") << "differs" << "share/new.dat differs from its MD5 list";
-    QTest::newRow("file missing") << "missing" << "the runtime copy lacks share/new.dat";
-    QTest::newRow("name leaves the copy") << "parent" << "../outside.dat leaving the runtime directory";
-    QTest::newRow("absolute name") << "absolute" << "names the absolute name /";
-    QTest::newRow("name in the project") << "project" << "project/project.bin inside the panel's project directory";
-    QTest::newRow("md5 list missing") << "nolist" << "cannot read the MD5 list";
-    QTest::newRow("malformed list line") << "malformed" << "line 5 of";
-    QTest::newRow("description not scrambled") << "plain" << "is not a scrambled runtime description";
-    QTest::newRow("no copy for the product") << "nocopy" << "no runtime copy of KavoPro in";
-}
-
-void tst_updater::refusesFaultyCopy()
-{
-    QFETCH(QString, fault);
-    QFETCH(QString, error);
-    Scene scene;
-    QVERIFY(scene.ready);
-    const kit::RuntimeSpec spec = packageRuntime();
-    const QString copy = scene.copyDir();
-    QVERIFY(kit::writeRuntime(copy, spec, true));
-    const QString list = copy + "/version.7.2.1";
-
-    // Names that must be refused point at real files with the right MD5, so
-    // that only the name rule can refuse them.
-    const QByteArray outside("outside the runtime copy\n");
-    const QString absolute = scene.stick.path() + "/outside.dat";
-    if (fault == "differs")
-        QVERIFY(kit::writeFile(copy + "/share/new.dat", "damaged on the stick\n"));
-    else if (fault == "missing")
-        QVERIFY(QFile::remove(copy + "/share/new.dat"));
-    else if (fault == "parent")
-        QVERIFY(kit::writeFile(copy + "/../outside.dat", outside) && appendTo(list, md5Line(outside, "../outside.dat")));
-    else if (fault == "absolute")
-        QVERIFY(kit::writeFile(absolute, outside) && appendTo(list, md5Line(outside, absolute)));
-    else if (fault == "project")
-        QVERIFY(kit::writeFile(copy + "/project/project.bin", outside)
-                && appendTo(list, md5Line(outside, "project/project.bin")));
-    else if (fault == "nolist")
-        QVERIFY(QFile::remove(list));
-    else if (fault == "malformed")
-        QVERIFY(appendTo(list, "0123456789abcdef not a checksum line\n"));
-    else if (fault == "plain")
-        QVERIFY(kit::writeFile(copy + "/update.ini", kit::updateIniText(spec)));
-    else if (fault == "nocopy")
-        QVERIFY(QDir(copy).removeRecursively());
-    const QMap<QString, QByteArray> before = snapshot(scene.runtime());
-
-    QString message;
-    QVERIFY(!runtimeupdater::updateRuntime(scene.arguments(), message));
-    QVERIFY2(message.contains(error), qPrintable(message));
-    QCOMPARE(snapshot(scene.runtime()), before);
-}
-
-void tst_updater::takesCopyOfPanelVariant_data()
-{
-    QTest::addColumn<int>("cpuArch");
-    QTest::addColumn<QString>("libc");
-    QTest::addColumn<QStringList>("layouts");
-    QTest::addColumn<QString>("taken"); // "none": the update fails, the runtime stays
+    QTest::addColumn<int>("cpuArch");           // of the panel; -1: no C library to tell it
+    QTest::addColumn<QStringList>("layouts");   // runtime copies on the stick: "v7/", "v5/", ""
+    QTest::addColumn<QString>("fault");         // done to the copy of the panel's variant
+    QTest::addColumn<QStringList>("arguments"); // {ROOT} the package root with its "/"
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QStringList>("record");    // the restart's arguments; empty: not started
+    QTest::addColumn<QString>("installed");     // the runtime version afterwards
+    QTest::addColumn<QString>("diagnostic");    // on standard error
 
     const QStringList all{"v7/", "v5/", ""};
-    QTest::newRow("ARMv7 panel") << 10 << "libc.so.6" << all << "v7/";
-    QTest::newRow("ARMv5 panel") << 5 << "libc.so.6" << all << "v5/";
-    QTest::newRow("other panel") << 7 << "libc.so.6" << all << "";
-    QTest::newRow("C library under another name") << 5 << "libc-2.31.so" << all << "v5/";
-    QTest::newRow("ARMv7 panel, only the plain layout") << 10 << "libc.so.6" << QStringList{""} << "none";
-    QTest::newRow("other panel, only v5") << 7 << "libc.so.6" << QStringList{"v5/"} << "none";
-    QTest::newRow("ARMv5 panel, v7 and plain") << 5 << "libc.so.6" << QStringList{"v7/", ""} << "none";
-    QTest::newRow("no C library to tell the platform") << 10 << "libc.txt" << all << "none";
+    const QStringList handOver{"-project {ROOT} proj", "-product KavoPro", "-lanID 0001"};
+    const QStringList updated{"-project 0 proj", "-lanID 0001"};
+    const QStringList failed{"-project 1 proj", "-lanID 0001"};
+    auto row = [&](const char* name, int arch, const QStringList& layouts, const QString& fault, const QStringList& record,
+                   const QString& installed, const QString& diagnostic, const QStringList& arguments = {}, int exitCode = 0) {
+        QTest::newRow(name) << arch << layouts << fault << (arguments.isEmpty() ? handOver : arguments) << exitCode << record << installed << diagnostic;
+    };
+    row("ARMv7 panel takes v7", 10, all, "", updated, "7.2.7", "runtime updated");
+    row("ARMv5 panel takes v5", 5, all, "", updated, "7.2.5", "runtime updated");
+    row("other panel takes the plain layout", 7, all, "", updated, "7.2.0", "runtime updated");
+    row("ARMv5 panel, v7 and plain only", 5, {"v7/", ""}, "", failed, "7.1.0", "no runtime copy of KavoPro in");
+    row("ARMv7 panel, plain only", 10, {""}, "", failed, "7.1.0", "only KavoPro/v7/kavo_app counts");
+    row("no C library", -1, all, "", failed, "7.1.0", "cannot tell the panel's platform");
+    // The faulty file sorts last in the list: a check made while copying would
+    // already have replaced the others. Refused names point at real files with
+    // the right MD5, so that only the name rule can refuse them.
+    row("file differs", 10, all, "differs", failed, "7.1.0", "share/new.dat differs from its MD5 list");
+    row("file missing", 10, all, "missing", failed, "7.1.0", "the runtime copy lacks share/new.dat");
+    row("name leaves the copy", 10, all, "../outside.dat", failed, "7.1.0", "../outside.dat leaving the runtime directory");
+    row("absolute name", 10, all, "{ROOT}outside.dat", failed, "7.1.0", "names the absolute name /");
+    row("name in the project", 10, all, "project/project.bin", failed, "7.1.0", "inside the panel's project directory");
+    row("md5 list missing", 10, all, "nolist", failed, "7.1.0", "cannot read the MD5 list");
+    row("malformed list line", 10, all, "malformed", failed, "7.1.0", "line 5 of");
+    row("description not scrambled", 10, all, "plain", failed, "7.1.0", "is not a scrambled runtime description");
+    row("run ignoring SIGTERM", 10, all, "ignoring-term", updated, "7.2.7", "did not end within 5000 ms of SIGTERM; killing it");
+    row("arguments in another order", 10, all, "", {"-project 0 proj", "-lanID 0003"}, "7.2.7", "runtime updated",
+        {"-qws", "-lanID 0003", "-product KavoPro", "-project {ROOT} proj"});
+    row("values as the next arguments", 10, all, "", updated, "7.2.7", "runtime updated",
+        {"-project", "{ROOT} proj", "-product", "KavoPro", "-lanID", "0001"});
+    row("root from the updater's place", 10, all, "", updated, "7.2.7", "no package root given",
+        {"-project proj", "-product KavoPro", "-lanID 0001"});
+    row("product missing", 10, all, "", {"-project 1 proj", "-lanID 0002"}, "7.1.0", "incomplete arguments",
+        {"-project {ROOT} proj", "-lanID 0002"});
+    row("project missing", 10, all, "", {}, "7.1.0", "usage: opxupdateu_helper.bin", {"-product KavoPro", "-lanID 0001"}, 2);
+    row("package missing", 10, all, "nopackage", {}, "7.2.7", "cannot start", handOver, 1);
 }
 
-void tst_updater::takesCopyOfPanelVariant()
+void tst_updater::handOver()
 {
+    if (QCoreApplication::applicationPid() != 1)
+        QSKIP("not in a PID namespace of its own: the updater would stop package runs this test did not start");
     QFETCH(int, cpuArch);
-    QFETCH(QString, libc);
     QFETCH(QStringList, layouts);
-    QFETCH(QString, taken);
-    Scene scene(cpuArch);
-    QVERIFY(scene.ready);
-    if (libc != "libc.so.6") {
-        QVERIFY(QFile::remove(scene.panel.path("/lib/libc.so.6")));
-        QVERIFY(kit::writeArmElf(scene.panel.path("/lib/") + libc, cpuArch));
-    }
-    // Each layout carries its own version, which tells which one was installed.
+    QFETCH(QString, fault);
+    QFETCH(QStringList, arguments);
+    QFETCH(QStringList, record);
+    QFETCH(QString, installed);
+    QFETCH(QString, diagnostic);
+
+    QTemporaryDir dir;
+    const QString panel = dir.path() + "/panel";
+    // A stick mounted under a name with blanks and option names, as removable media may be.
+    const QString stick = dir.path() + "/usb stick -lanID-product";
+    const QString app = panel + "/usr/kavo_app";
+    kit::PanelSpec panelSpec;
+    panelSpec.cpuArch = qMax(cpuArch, 5);
+    panelSpec.runtime.version = "7.1.0";
+    kit::PackageSpec package;
+    package.helper = qEnvironmentVariable("OPX_HELPER");
+    QVERIFY(kit::makePanel(panel, panelSpec) && kit::writePackage(stick, package));
+    QVERIFY(cpuArch >= 0 || QFile::remove(panel + "/lib/libc.so.6"));
     const QMap<QString, QString> versions{{"v7/", "7.2.7"}, {"v5/", "7.2.5"}, {"", "7.2.0"}};
     for (const QString& layout : layouts)
-        QVERIFY(kit::writeRuntime(scene.copyDir(layout), packageRuntime(versions.value(layout)), true));
+        QVERIFY(kit::writeRuntime(stick + "/proj/KavoPro/" + layout + "kavo_app", packageRuntime(versions.value(layout)), true));
+    const QString copy = stick + "/proj/KavoPro/v7/kavo_app";
+    const QString name = QString(fault).replace("{ROOT}", stick + '/');
+    QFile list(copy + "/version.7.2.7");
+    if (name.contains('/')) // a refused name for a file that is there, with its MD5
+        QVERIFY(kit::writeFile(name.startsWith('/') ? name : copy + '/' + name, "x") && list.open(QIODevice::Append) && list.write(md5Line("x", name)));
+    QVERIFY(fault != "differs" || kit::writeFile(copy + "/share/new.dat", "damaged on the stick\n"));
+    QVERIFY(fault != "missing" || QFile::remove(copy + "/share/new.dat"));
+    QVERIFY(fault != "nolist" || list.remove());
+    QVERIFY(fault != "malformed" || (list.open(QIODevice::Append) && list.write("0123456789abcdef not a checksum line\n")));
+    QVERIFY(fault != "plain" || kit::writeFile(copy + "/update.ini", kit::updateIniText(packageRuntime("7.2.7"))));
+    list.close();
+    // Started again, the stand-in records its working directory and arguments,
+    // one a line. As the run that handed over it goes on for eight seconds and
+    // reboots the panel; on SIGTERM it keeps the runtime description it saw and
+    // ends, unless it ignores the signal.
+    const QString executable = stick + "/opxupdateu/opxupdateu_proj.bin";
+    QVERIFY(fault == "nopackage" ? !QFile::exists(executable) : kit::writeFile(executable,
+            "#!/bin/sh\ncase \"$1\" in handing-over*)\n"
+            "  trap 'cp \"$KAVO_PANEL_ROOT/usr/kavo_app/update.ini\" stopped.ini; [ \"$1\" = handing-over ] && { kill $!; exit 1; }' TERM\n"
+            "  sleep 8 & touch running; until wait; do :; done\n"
+            "  echo reboot >> \"$KAVO_PANEL_ROOT/var/run/reboot-requested\"; exit 0;;\nesac\n"
+            "{ pwd -P; for a in \"$@\"; do printf '%s\\n' \"$a\"; done; } > record.part && mv record.part record.txt\n"));
+    QVERIFY(QFile::setPermissions(executable, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner) || fault == "nopackage");
 
-    QCOMPARE(runtimeupdater::panelPlatformCode(), libc.contains(".so") ? cpuArch : -1);
-    QString error;
-    QVERIFY2(runtimeupdater::updateRuntime(scene.arguments(), error) == (taken != "none"), qPrintable(error));
-    QCOMPARE(scene.version(), versions.value(taken, installedRuntime().version));
+    qputenv("KAVO_PANEL_ROOT", QFile::encodeName(panel));
+    const auto restore = qScopeGuard([] { qunsetenv("KAVO_PANEL_ROOT"); });
+    QProcess handingOver; // its command line names the package's executable, as a running package's does
+    handingOver.setWorkingDirectory(stick);
+    if (!record.isEmpty()) {
+        handingOver.start("bash", {"-c", "exec -a \"$PWD/opxupdateu/opxupdateu_proj.bin\" sh opxupdateu/opxupdateu_proj.bin handing-over"
+                                             + QString(fault == "ignoring-term" ? "-ignoring-term" : "")});
+        QTRY_VERIFY(QFileInfo::exists(stick + "/running"));
+    }
+    const QMap<QString, QByteArray> before = snapshot(app);
+    QProcess helper;
+    helper.setWorkingDirectory(stick); // as the download starts it
+    helper.start(stick + "/opxupdateu/helper/opxupdateu_helper.bin", arguments.replaceInStrings("{ROOT}", stick + '/'));
+    QVERIFY(helper.waitForFinished(30000));
+    const QString diagnostics = helper.readAllStandardError();
+    QVERIFY2(helper.exitStatus() == QProcess::NormalExit && diagnostics.contains(diagnostic), qPrintable(diagnostics));
+    QTEST(helper.exitCode(), "exitCode");
+
+    if (record.isEmpty()) {
+        QTest::qWait(500);
+        QVERIFY(!QFileInfo::exists(stick + "/record.txt"));
+    } else {
+        QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(stick + "/record.txt"), 10000);
+        QCOMPARE(QString(testenv::readFile(stick + "/record.txt")).split('\n'), QStringList{QDir(stick).canonicalPath()} + record + QStringList{""});
+        // The run that handed over was stopped before the runtime was touched and never rebooted the panel.
+        QCOMPARE(kit::readRuntimeDescription(stick + "/stopped.ini").version, QStringLiteral("7.1.0"));
+        QVERIFY(!QFileInfo::exists(panel + "/var/run/reboot-requested"));
+        QVERIFY(fault != "ignoring-term" || diagnostics.indexOf("killing it") < diagnostics.indexOf("runtime updated"));
+    }
+    // Exactly the copy's files, its description (plain) and its list are new;
+    // the project, the fonts and the old list stay. A refused copy changes nothing.
+    QMap<QString, QByteArray> expected = before;
+    const kit::RuntimeSpec spec = packageRuntime(installed);
+    for (auto it = spec.files.cbegin(); installed != "7.1.0" && it != spec.files.cend(); ++it)
+        expected.insert(it.key(), it.value());
+    if (installed != "7.1.0") {
+        expected.insert("update.ini", kit::updateIniText(spec));
+        expected.insert("version." + installed, kit::md5List(spec.files));
+    }
+    QCOMPARE(snapshot(app), expected);
+    // The resumed download checks the installed runtime with md5sum: it must pass.
+    RecordingDownload probe;
+    QVERIFY(probe.checkAppIntegrity(INSTALLED_APP, qPrintable(app)));
 }
 
 QTEST_GUILESS_MAIN(tst_updater)
