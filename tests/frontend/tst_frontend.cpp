@@ -1,39 +1,29 @@
 // The start note (dlgUpNote) and the package's main window (UDiskUpWin), in
-// process on an offscreen screen, on temporary panels and sticks. Modal
-// dialogs are answered from a timer that watches the active modal widget.
+// process on an offscreen screen, on temporary panels and sticks: one row a
+// state of the window and the presses on it.
 #include "frame/screensetting.h"
 #include "frame/winsize.h"
 #include "frontend/dlgupnote.h"
 #include "frontend/pwdentrydialog.h"
 #include "frontend/udiskupwin.h"
-#include "dialogprobe.h"
-#include "testenv.h"
 #include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 #include "upload/zeltupdlg.h"
 
-#include <QApplication>
+#include "dialogprobe.h"
+#include "testenv.h"
+
 #include <QComboBox>
 #include <QCryptographicHash>
 #include <QDesktopWidget>
 #include <QDir>
-#include <QFile>
 #include <QLabel>
-#include <QPushButton>
-#include <QScopeGuard>
-#include <QSet>
-#include <QTemporaryDir>
-#include <QTimer>
 #include <QtTest>
 
-#include <functional>
 #include <memory>
 
 namespace {
-
-// A language file that renames the note's title and buttons.
-const QByteArray kEnglishTexts = "[1004]\nstring = Yes\n[1005]\nstring = No\n[2000]\nstring = USB package\n";
 
 QPoint centred(const QWidget& window)
 {
@@ -41,34 +31,11 @@ QPoint centred(const QWidget& window)
     return QPoint((desktop.width() - window.width()) / 2, (desktop.height() - window.height()) / 2);
 }
 
-QString buttonText(const QWidget& window, const QString& name)
+QString captionPair(const QWidget& window, const char* first, const char* second)
 {
-    return window.findChild<QPushButton*>(name)->text();
+    return testenv::child<QPushButton>(window, first)->text() + QLatin1Char('/')
+           + testenv::child<QPushButton>(window, second)->text();
 }
-
-// Runs `handle` on each modal widget that becomes active while it lives, once
-// per widget, from inside the modal loops.
-class ModalWatcher
-{
-public:
-    explicit ModalWatcher(std::function<void(QWidget*)> handle)
-        : m_handle(std::move(handle))
-    {
-        QObject::connect(&m_timer, &QTimer::timeout, [this] {
-            QWidget* modal = QApplication::activeModalWidget();
-            if (modal == nullptr || !modal->isVisible() || m_seen.contains(modal))
-                return;
-            m_seen.insert(modal);
-            m_handle(modal);
-        });
-        m_timer.start(20);
-    }
-
-private:
-    std::function<void(QWidget*)> m_handle;
-    QSet<QWidget*> m_seen;
-    QTimer m_timer;
-};
 
 } // namespace
 
@@ -80,30 +47,15 @@ private slots:
     void initTestCase();
     void init();
     void cleanup();
-
+    void note_data();
+    void note();
     void mainWindow_data();
     void mainWindow();
-    void uploadOverDisabledWindow();
-
-    void noteFromPackage_data();
-    void noteFromPackage();
-    void noteLanguageChange_data();
-    void noteLanguageChange();
-    void noteAnswers_data();
-    void noteAnswers();
 
 private:
-    // A panel laid out by the kit, KAVO_PANEL_ROOT while the test runs.
-    void makePanel(const kit::PanelSpec& spec = {});
-    // A stick with the package description of `spec` and `lanFiles` (code ->
-    // content) in its "language/" directory; becomes the working directory.
-    void makeStick(const kit::PackageSpec& spec = {}, const QMap<QString, QByteArray>& lanFiles = {});
-    QString appDir() const { return m_stick->path() + QStringLiteral("/opxupdateu"); }
-    void useScreen(int deviceWidth)
-    {
-        ScreenSetting::setDeviceWidthOverride(deviceWidth);
-        selectWinSize(ScreenSetting::deviceWidth());
-    }
+    // A panel laid out by the kit and a stick with the package; the stick is
+    // the working directory.
+    void makePanelAndStick(const kit::PanelSpec& panel, const kit::PackageSpec& package, int deviceWidth);
 
     QString m_startDir;
     std::unique_ptr<testenv::TempPanel> m_panel;
@@ -121,285 +73,208 @@ void tst_frontend::initTestCase()
 void tst_frontend::init()
 {
     QVERIFY(testenv::loadBuiltinTexts());
-    useScreen(1024);
 }
 
 void tst_frontend::cleanup()
 {
     QDir::setCurrent(m_startDir);
+    qunsetenv("KAVO_UDISK_ROOT");
     m_stick.reset();
     m_panel.reset();
     ScreenSetting::setDeviceWidthOverride(0);
-    for (QWidget* window : QApplication::topLevelWidgets()) {
-        if (window->isVisible() && qobject_cast<QDialog*>(window) != nullptr)
-            QFAIL(qPrintable(QStringLiteral("left open: ") + window->metaObject()->className()));
-    }
+    for (QWidget* window : QApplication::topLevelWidgets())
+        QVERIFY2(!window->isVisible() || qobject_cast<QDialog*>(window) == nullptr, window->metaObject()->className());
 }
 
-void tst_frontend::makePanel(const kit::PanelSpec& spec)
+void tst_frontend::makePanelAndStick(const kit::PanelSpec& panel, const kit::PackageSpec& package, int deviceWidth)
 {
     m_panel = std::make_unique<testenv::TempPanel>();
-    QVERIFY(m_panel->isValid());
-    QVERIFY(kit::makePanel(m_panel->root(), spec));
-}
-
-void tst_frontend::makeStick(const kit::PackageSpec& spec, const QMap<QString, QByteArray>& lanFiles)
-{
     m_stick = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_stick->isValid());
-    QVERIFY(kit::writePackage(m_stick->path(), spec));
-    for (auto it = lanFiles.cbegin(); it != lanFiles.cend(); ++it)
-        QVERIFY(testenv::writeFile(appDir() + QStringLiteral("/language/") + it.key() + QStringLiteral(".lan"),
-                                   it.value()));
+    QVERIFY(kit::makePanel(m_panel->root(), panel) && kit::writePackage(m_stick->path(), package));
     QVERIFY(QDir::setCurrent(m_stick->path()));
+    ScreenSetting::setDeviceWidthOverride(deviceWidth);
+    selectWinSize(ScreenSetting::deviceWidth());
 }
 
-void tst_frontend::mainWindow_data()
+void tst_frontend::note_data()
 {
-    QTest::addColumn<bool>("withBackup");
+    QTest::addColumn<QStringList>("ids");     // of the three languages of the package
+    QTest::addColumn<int>("toolLanguage");    // the package's fallback language
+    QTest::addColumn<QString>("lanId");       // in use at the start
     QTest::addColumn<int>("deviceWidth");
-    QTest::addColumn<QSize>("size");
-    // Upload needs the panel's packed project, #BKCompreProj.bin. An upload
-    // goes to the stick's opxbackup directory where there is one.
-    QTest::newRow("packed project, opxbackup, small screen") << true << 1024 << QSize(432, 180);
-    QTest::newRow("nothing to upload, no opxbackup, large screen") << false << 1025 << QSize(550, 180);
+    QTest::addColumn<int>("entry");           // selected at the start
+    QTest::addColumn<int>("select");          // by the operator; -1: none
+    QTest::addColumn<QString>("language");    // the code in use afterwards
+    QTest::addColumn<QString>("captions");    // Yes/No afterwards, "Yes/No" once the English file was loaded
+    QTest::addColumn<bool>("password");       // the panel has one, "A1B"
+    QTest::addColumn<QString>("button");      // pressed on the note; empty: none
+    QTest::addColumn<QStringList>("keys");    // pressed on the password dialog; none: it is closed
+    QTest::addColumn<QStringList>("opened");  // dialogs run, in turn
+
+    const QStringList three{"0000", "0001", "0002"}, two{"0000", "0001"}, none;
+    // Selecting the entry in use at the start loads nothing: the language
+    // loaded at start-up (here the built-in one) stays.
+    QTest::newRow("listed language, large screen, Yes without a password")
+        << three << 0 << "0001" << 1025 << 1 << -1 << "0001" << "是/否" << false << "upBtnOk" << none
+        << QStringList{"UDiskUpWin"};
+    QTest::newRow("language not listed, more names than ids, No")
+        << two << 0 << "0042" << 1024 << 0 << -1 << "0042" << "是/否" << false << "upBtnCancel" << none << none;
+    QTest::newRow("language with its file, right password")
+        << three << 0 << "0000" << 1024 << 0 << 1 << "0001" << "Yes/No" << true << "upBtnOk"
+        << QStringList{"keyBtnA", "keyBtn1", "keyBtnB"} << QStringList{"PwdEntryDialog", "UDiskUpWin"};
+    QTest::newRow("missing file, tool language has one, password dialog closed")
+        << three << 1 << "0000" << 1024 << 0 << 2 << "0002" << "Yes/No" << true << "upBtnOk" << none
+        << QStringList{"PwdEntryDialog"};
+    QTest::newRow("missing file, tool language has none either")
+        << three << 3 << "0000" << 1024 << 0 << 2 << "0002" << "是/否" << false << "" << none << none;
+    QTest::newRow("entry beyond the id list") << two << 1 << "0000" << 1024 << 0 << 2 << "0000" << "是/否" << false
+                                              << "" << none << none;
 }
 
-void tst_frontend::mainWindow()
+void tst_frontend::note()
 {
-    QFETCH(bool, withBackup);
-    QFETCH(int, deviceWidth);
-    QFETCH(QSize, size);
-    kit::PanelSpec panel;
-    if (!withBackup)
-        panel.backupProject = QByteArray();
-    makePanel(panel);
-    makeStick();
-    const QString backupDir = m_stick->path() + QStringLiteral("/opxbackup");
-    QVERIFY(withBackup || QDir(backupDir).removeRecursively());
-    useScreen(deviceWidth);
-
-    UDiskUpWin window(QStringLiteral("0007"));
-
-    QCOMPARE(window.windowTitle(), QStringLiteral("kavoOpx U盘综合功能包"));
-    const auto* download = window.findChild<QPushButton*>(QStringLiteral("btnProUpToNew"));
-    const auto* upload = window.findChild<QPushButton*>(QStringLiteral("btnUpToUdisk"));
-    QCOMPARE(download->text(), QStringLiteral("用户工程下载"));
-    QCOMPARE(upload->text(), QStringLiteral("上传工程到U盘"));
-    QVERIFY(download->isEnabled());
-    QCOMPARE(upload->isEnabled(), withBackup);
-    QCOMPARE(window.size(), size);
-    QCOMPARE(window.pos(), centred(window));
-    QCOMPARE(window.panelDir(), m_panel->path(QStringLiteral("/usr/kavo_app/project")));
-    QCOMPARE(QDir::currentPath(), withBackup ? backupDir : m_stick->path());
-}
-
-void tst_frontend::uploadOverDisabledWindow()
-{
-    makePanel();
-    makeStick();
-    // A stick that has never taken an upload; the panel writes to it as to
-    // the stick the package runs from.
-    const QString backupDir = m_stick->path() + QStringLiteral("/opxbackup");
-    QVERIFY(QDir(backupDir).removeRecursively());
-    qputenv("KAVO_UDISK_ROOT", QFile::encodeName(m_stick->path()));
-    const auto unset = qScopeGuard([] { qunsetenv("KAVO_UDISK_ROOT"); });
-    UDiskUpWin window(QStringLiteral("0000"));
-    window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&window));
-
-    window.findChild<QPushButton*>(QStringLiteral("btnUpToUdisk"))->click();
-
-    // The upload shows over the main window, which takes no input meanwhile.
-    QVERIFY(!window.isEnabled());
-    const QList<zeltUpDlg*> uploads = window.findChildren<zeltUpDlg*>();
-    QCOMPARE(uploads.size(), 1);
-    zeltUpDlg* upload = uploads.first();
-    QVERIFY(upload->isVisible());
-    QVERIFY(!upload->isModal());
-
-    // The backup directory is made for the upload, which lands in it.
-    upload->findChild<QPushButton*>(QStringLiteral("startup_bt"))->click();
-    QCOMPARE(testenv::paneLines(*upload).last(), msg(2098).arg(upload->targetName()));
-    QCOMPARE(QDir(backupDir).entryList(QDir::Files | QDir::Hidden), QStringList{upload->targetName()});
-    QCOMPARE(QDir::currentPath(), backupDir);
-
-    // Escape closes through the dialog's own rules and gives the window back.
-    QTest::keyClick(upload, Qt::Key_Escape);
-    QVERIFY(!upload->isVisible());
-    QVERIFY(window.isEnabled());
-    window.close();
-}
-
-void tst_frontend::noteFromPackage_data()
-{
-    QTest::addColumn<QStringList>("names");
-    QTest::addColumn<QStringList>("ids");
-    QTest::addColumn<QString>("lanId");
-    QTest::addColumn<int>("entry");
-    QTest::addColumn<int>("deviceWidth");
-    QTest::addColumn<QSize>("size");
-    QTest::newRow("three languages, the second in use, large screen")
-        << QStringList{"中文", "English", "Deutsch"} << QStringList{"0000", "0001", "0002"} << "0001" << 1 << 1025
-        << QSize(550, 220);
-    QTest::newRow("more names than ids, language not listed, small screen")
-        << QStringList{"中文", "English"} << QStringList{"0000"} << "0042" << 0 << 1024 << QSize(397, 173);
-}
-
-void tst_frontend::noteFromPackage()
-{
-    QFETCH(QStringList, names);
     QFETCH(QStringList, ids);
+    QFETCH(int, toolLanguage);
     QFETCH(QString, lanId);
-    QFETCH(int, entry);
     QFETCH(int, deviceWidth);
-    QFETCH(QSize, size);
-    makePanel();
+    QFETCH(int, entry);
+    QFETCH(int, select);
+    QFETCH(QString, language);
+    QFETCH(QString, captions);
+    QFETCH(bool, password);
+    QFETCH(QString, button);
+    QFETCH(QStringList, keys);
+    QFETCH(QStringList, opened);
+    kit::PanelSpec panel;
+    if (password)
+        panel.passwordDigest = QString::fromLatin1(QCryptographicHash::hash("A1B", QCryptographicHash::Md5).toHex());
     kit::PackageSpec package;
     package.version = QStringLiteral("V2.3.4.5");
-    package.languageNames = names;
+    package.languageNames = QStringList{"中文", "English", "Français"};
     package.languageIds = ids;
-    makeStick(package, {{"0000", kEnglishTexts}, {"0001", kEnglishTexts}});
-    useScreen(deviceWidth);
+    package.toolLanguage = toolLanguage;
+    makePanelAndStick(panel, package, deviceWidth);
+    const QString appDir = m_stick->path() + QStringLiteral("/opxupdateu");
+    QVERIFY(testenv::writeFile(appDir + QStringLiteral("/language/0001.lan"),
+                               "[1004]\nstring = Yes\n[1005]\nstring = No\n[2000]\nstring = USB package\n"));
 
-    dlgUpNote note(appDir(), lanId);
-
-    QCOMPARE(note.windowTitle(), QStringLiteral("kavoOpx U盘综合功能包 V2.3.4.5"));
-    QCOMPARE(note.findChild<QLabel*>(QStringLiteral("upNoteLbl"))->text(),
+    dlgUpNote note(appDir, lanId);
+    auto* combo = testenv::child<QComboBox>(note, "comboBox");
+    QStringList items;
+    for (int i = 0; i < combo->count(); ++i)
+        items << combo->itemText(i);
+    QCOMPARE(items, package.languageNames);
+    QCOMPARE(combo->currentIndex(), entry);
+    QCOMPARE(note.languageIds(), ids);
+    QCOMPARE(note.size(), deviceWidth > 1024 ? QSize(550, 220) : QSize(397, 173));
+    QCOMPARE(note.pos(), centred(note));
+    // The clear copy of the scrambled description does not outlive the reading.
+    QVERIFY(!QFile::exists(appDir + QStringLiteral("/config/proUpdateTmp.ini")));
+    QVERIFY(QFile::exists(appDir + QStringLiteral("/config/proUpdate.ini")));
+    if (select >= 0)
+        combo->setCurrentIndex(select);
+    QCOMPARE(note.lanId(), language);
+    QCOMPARE(captionPair(note, "upBtnOk", "upBtnCancel"), captions);
+    const bool english = captions.startsWith(QLatin1String("Yes"));
+    QCOMPARE(note.windowTitle(), (english ? QStringLiteral("USB package") : QStringLiteral("kavoOpx U盘综合功能包"))
+                                     + QStringLiteral(" V2.3.4.5"));
+    QCOMPARE(testenv::child<QLabel>(note, "upNoteLbl")->text(),
              QStringLiteral("<html><head/><body><p align='center' style='margin:3px'>"
                             "您正在使用 kavoOpx U盘综合功能包 V2.3.4.5，</span></p><p align='center' "
                             "style='margin:3px'> 点击“是”返回到系统设置界面并启动综合功能包，点击“否”退出!"
                             "</span></p></body></html>"));
-    // Selecting the entry in use happens before the note is initialised: the
-    // language loaded at start-up (here the built-in one) stays.
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnOk")), QStringLiteral("是"));
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnCancel")), QStringLiteral("否"));
-    QCOMPARE(note.languageIds(), ids);
-    QCOMPARE(note.lanId(), lanId);
-    auto* combo = note.findChild<QComboBox*>(QStringLiteral("comboBox"));
-    QStringList items;
-    for (int i = 0; i < combo->count(); ++i)
-        items << combo->itemText(i);
-    QCOMPARE(items, names);
-    QCOMPARE(combo->currentIndex(), entry);
-    QCOMPARE(note.size(), size);
-    QCOMPARE(note.pos(), centred(note));
-    // The clear copy of the scrambled description does not outlive the reading.
-    QVERIFY(!QFile::exists(appDir() + QStringLiteral("/config/proUpdateTmp.ini")));
-    QVERIFY(QFile::exists(appDir() + QStringLiteral("/config/proUpdate.ini")));
-}
+    if (button.isEmpty())
+        return;
 
-void tst_frontend::noteLanguageChange_data()
-{
-    QTest::addColumn<QStringList>("ids");
-    QTest::addColumn<int>("toolLanguage");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<QString>("lanId");
-    QTest::addColumn<QString>("yes"); // "Yes": the English file was loaded
-
-    const QStringList threeIds{"0000", "0001", "0002"};
-    QTest::newRow("language with its file") << threeIds << 0 << 1 << "0001" << "Yes";
-    QTest::newRow("missing file, tool language has one") << threeIds << 1 << 2 << "0002" << "Yes";
-    QTest::newRow("missing file, tool language has none either") << threeIds << 3 << 2 << "0002" << "是";
-    QTest::newRow("entry beyond the id list") << QStringList{"0000", "0001"} << 1 << 2 << "0000" << "是";
-}
-
-void tst_frontend::noteLanguageChange()
-{
-    QFETCH(QStringList, ids);
-    QFETCH(int, toolLanguage);
-    QFETCH(int, index);
-    QFETCH(QString, lanId);
-    QFETCH(QString, yes);
-    makePanel();
-    kit::PackageSpec package;
-    package.languageNames = QStringList{"中文", "English", "Français"};
-    package.languageIds = ids;
-    package.toolLanguage = toolLanguage;
-    makeStick(package, {{"0001", kEnglishTexts}});
-    dlgUpNote note(appDir(), QStringLiteral("0000"));
-    // A table other than any the change could load shows whether one was
-    // loaded at all.
-    const QString other = m_stick->path() + QStringLiteral("/other.lan");
-    QVERIFY(testenv::writeFile(other, "[1004]\nstring = other\n"));
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), other));
-
-    note.findChild<QComboBox*>(QStringLiteral("comboBox"))->setCurrentIndex(index);
-
-    const bool english = yes == QLatin1String("Yes");
-    QCOMPARE(note.lanId(), lanId);
-    QCOMPARE(note.windowTitle(), (english ? QStringLiteral("USB package") : QStringLiteral("kavoOpx U盘综合功能包"))
-                                     + QStringLiteral(" V1.0.0.0"));
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnOk")), yes);
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnCancel")), english ? QStringLiteral("No") : QStringLiteral("否"));
-    const bool loaded = index < ids.size();
-    QCOMPARE(msg(1004), loaded ? yes : QStringLiteral("other"));
-}
-
-void tst_frontend::noteAnswers_data()
-{
-    QTest::addColumn<bool>("withPassword");
-    QTest::addColumn<QString>("button");
-    QTest::addColumn<QStringList>("keys"); // pressed on the password dialog; none: it is closed
-    QTest::addColumn<QStringList>("modals");
-    // Without a configuration on the panel no password is asked.
-    QTest::newRow("no configuration, Yes: no password dialog")
-        << false << "upBtnOk" << QStringList() << QStringList{"UDiskUpWin"};
-    QTest::newRow("No: nothing opens") << false << "upBtnCancel" << QStringList() << QStringList();
-    QTest::newRow("Yes, right password") << true << "upBtnOk" << QStringList{"keyBtnA", "keyBtn1", "keyBtnB"}
-                                         << QStringList{"PwdEntryDialog", "UDiskUpWin"};
-    QTest::newRow("Yes, password dialog closed")
-        << true << "upBtnOk" << QStringList() << QStringList{"PwdEntryDialog"};
-}
-
-void tst_frontend::noteAnswers()
-{
-    QFETCH(bool, withPassword);
-    QFETCH(QString, button);
-    QFETCH(QStringList, keys);
-    QFETCH(QStringList, modals);
-    kit::PanelSpec panel;
-    if (withPassword)
-        panel.passwordDigest = QString::fromLatin1(QCryptographicHash::hash("A1B", QCryptographicHash::Md5).toHex());
-    makePanel(panel);
-    makeStick();
-    dlgUpNote note(appDir(), QStringLiteral("0003"));
-    note.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&note));
-
+    // Each dialog the note runs is noted, then answered from its own loop.
     QStringList seen;
     bool noteHidden = true;
-    QString mainWindowLanguage;
-    ModalWatcher watcher([&](QWidget* modal) {
-        seen << QString::fromLatin1(modal->metaObject()->className());
+    testenv::ShowWatcher watcher([&](QWidget* shown) {
+        if (qobject_cast<PwdEntryDialog*>(shown) == nullptr && qobject_cast<UDiskUpWin*>(shown) == nullptr)
+            return;
+        seen << QString::fromLatin1(shown->metaObject()->className());
         noteHidden = noteHidden && !note.isVisible();
-        if (auto* window = qobject_cast<UDiskUpWin*>(modal))
-            mainWindowLanguage = window->lanId();
-        QTimer::singleShot(50, modal, [modal, keys] {
-            if (qobject_cast<PwdEntryDialog*>(modal) != nullptr && !keys.isEmpty()) {
-                for (const QString& key : keys)
-                    modal->findChild<QPushButton*>(key)->click();
-            } else {
-                modal->close();
+        if (auto* window = qobject_cast<UDiskUpWin*>(shown))
+            QCOMPARE(window->lanId(), language);
+        QTimer::singleShot(50, shown, [shown, keys] {
+            if (qobject_cast<UDiskUpWin*>(shown) != nullptr || keys.isEmpty()) {
+                shown->close();
+                return;
             }
+            for (const QString& key : keys)
+                testenv::child<QPushButton>(*shown, qPrintable(key))->click();
         });
     });
-    auto* pressed = note.findChild<QPushButton*>(button);
-    pressed->click();
-    QTest::qWait(100);
+    note.show();
+    testenv::child<QPushButton>(note, qPrintable(button))->click();
+    QCOMPARE(seen, opened);
+    QVERIFY(noteHidden && !note.isVisible());
+    if (!opened.contains(QStringLiteral("UDiskUpWin")))
+        return;
+    // "Yes" works once.
+    note.show();
+    testenv::child<QPushButton>(note, qPrintable(button))->click();
+    QCOMPARE(seen, opened);
+    note.close();
+}
 
-    QCOMPARE(seen, modals);
-    QVERIFY(noteHidden);
-    QVERIFY(!note.isVisible());
-    if (modals.contains(QStringLiteral("UDiskUpWin"))) {
-        QCOMPARE(mainWindowLanguage, QStringLiteral("0003"));
-        // "Yes" works once.
-        note.show();
-        pressed->click();
-        QTest::qWait(100);
-        QCOMPARE(seen, modals);
-        note.close();
+void tst_frontend::mainWindow_data()
+{
+    QTest::addColumn<bool>("backup");    // the panel's packed project, #BKCompreProj.bin, is there
+    QTest::addColumn<bool>("opxbackup"); // the stick has one
+    QTest::addColumn<int>("deviceWidth");
+    QTest::addColumn<QSize>("size");
+    // An upload goes to the stick's opxbackup, made for it where there is none.
+    QTest::newRow("packed project, opxbackup, small screen") << true << true << 1024 << QSize(432, 180);
+    QTest::newRow("packed project, no opxbackup, large screen") << true << false << 1025 << QSize(550, 180);
+    QTest::newRow("nothing to upload") << false << true << 1024 << QSize(432, 180);
+}
+
+void tst_frontend::mainWindow()
+{
+    QFETCH(bool, backup);
+    QFETCH(bool, opxbackup);
+    QFETCH(int, deviceWidth);
+    QFETCH(QSize, size);
+    kit::PanelSpec panel;
+    if (!backup)
+        panel.backupProject = QByteArray();
+    makePanelAndStick(panel, {}, deviceWidth);
+    const QString backupDir = m_stick->path() + QStringLiteral("/opxbackup");
+    QVERIFY(opxbackup || QDir(backupDir).removeRecursively());
+    // The panel writes to the stick the package runs from.
+    qputenv("KAVO_UDISK_ROOT", QFile::encodeName(m_stick->path()));
+
+    UDiskUpWin window(QStringLiteral("0007"));
+    window.show();
+    QCOMPARE(window.windowTitle(), QStringLiteral("kavoOpx U盘综合功能包"));
+    QCOMPARE(captionPair(window, "btnProUpToNew", "btnUpToUdisk"), QStringLiteral("用户工程下载/上传工程到U盘"));
+    QCOMPARE(testenv::enabledButtons(window, {"btnProUpToNew", "btnUpToUdisk"}), QString(backup ? "11" : "10"));
+    QCOMPARE(window.size(), size);
+    QCOMPARE(window.pos(), centred(window));
+    QCOMPARE(window.panelDir(), m_panel->path(QStringLiteral("/usr/kavo_app/project")));
+    QCOMPARE(QDir::currentPath(), opxbackup ? backupDir : m_stick->path());
+    if (!backup) {
+        window.close();
+        return;
     }
+
+    // The upload shows over the main window, which takes no input meanwhile,
+    // and lands in the backup directory.
+    testenv::child<QPushButton>(window, "btnUpToUdisk")->click();
+    QVERIFY(!window.isEnabled());
+    const QList<zeltUpDlg*> uploads = window.findChildren<zeltUpDlg*>();
+    QCOMPARE(uploads.size(), 1);
+    zeltUpDlg* upload = uploads.first();
+    QVERIFY(upload->isVisible() && !upload->isModal());
+    testenv::child<QPushButton>(*upload, "startup_bt")->click();
+    QCOMPARE(testenv::paneLines(*upload).last(), msg(2098).arg(upload->targetName()));
+    QCOMPARE(QDir(backupDir).entryList(QDir::Files | QDir::Hidden), QStringList{upload->targetName()});
+    QCOMPARE(QDir::currentPath(), backupDir);
+    // Escape closes through the dialog's own rules and gives the window back.
+    QTest::keyClick(upload, Qt::Key_Escape);
+    QVERIFY(!upload->isVisible() && window.isEnabled());
+    window.close();
 }
 
 QTEST_MAIN(tst_frontend)

@@ -1,88 +1,33 @@
 // The access password: reading the stored digest under the configuration lock,
-// and the dialog with its on-screen keyboard.
+// and the dialog with its on-screen keyboard, one row a sequence of presses.
 #include "frontend/md5_crypt_ctrl.h"
 #include "frontend/pwdentrydialog.h"
 
 #include "boxanswerer.h"
+#include "dialogprobe.h"
 #include "testenv.h"
 
-#include <QApplication>
 #include <QCryptographicHash>
 #include <QDesktopWidget>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPushButton>
 #include <QSignalSpy>
 #include <QtTest>
 
-#include <chrono>
 #include <memory>
 #include <thread>
 
-#include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 namespace {
 
 const QString kConfig = QStringLiteral("/usr/kavo_app/config/kavo_app_conf.ini");
 const QString kLock = QStringLiteral("/tmp/kavo_app_conf.lck");
 
-// Every text names its id, so that each caption and message shows where it came from.
-QString idText(int id)
-{
-    return QStringLiteral("#%1").arg(id);
-}
-
 QByteArray md5Hex(const QByteArray& password)
 {
     return QCryptographicHash::hash(password, QCryptographicHash::Md5).toHex();
-}
-
-QByteArray configWith(const QByteArray& license)
-{
-    return "[SYSTEM]\nbrightness=80\n\n[SECURITY]\nlicense=" + license + "\n";
-}
-
-QLineEdit* lineEdit(const PwdEntryDialog& dialog)
-{
-    return dialog.findChild<QLineEdit*>(QStringLiteral("lineEditPwd"));
-}
-
-QPushButton* key(const PwdEntryDialog& dialog, const QString& name)
-{
-    return dialog.findChild<QPushButton*>(QStringLiteral("keyBtn") + name);
-}
-
-void press(const PwdEntryDialog& dialog, const QString& name)
-{
-    QTest::mouseClick(key(dialog, name), Qt::LeftButton);
-}
-
-// Presses the key named by each character ("a" presses keyBtnA, whatever it shows).
-void typeKeys(const PwdEntryDialog& dialog, const QString& keys)
-{
-    for (const QChar c : keys)
-        press(dialog, c.toUpper());
-}
-
-// The 40 key names in table order: digits, letters, Cap, Del, Back, Confirm.
-QStringList keyNames()
-{
-    return QStringLiteral("1234567890ABCDEFGHIJKLMNOPQRSTUVWXYZ").split(QString(), Qt::SkipEmptyParts)
-           + QStringList{"Cap", "Del", "Back", "Confirm"};
-}
-
-QStringList captions(const PwdEntryDialog& dialog)
-{
-    QStringList texts;
-    for (const QString& name : keyNames())
-        texts << key(dialog, name)->text();
-    return texts;
 }
 
 } // namespace
@@ -92,295 +37,187 @@ class PasswordTest : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
+    // A new panel per test: QSettings would otherwise serve a rewritten
+    // configuration of equal size from its cache.
+    void init() { m_panel = std::make_unique<testenv::TempPanel>(); }
+    void cleanup() { m_panel.reset(); }
     void cryptInit_data();
     void cryptInit();
-    void cryptInitWaitsForTheLock();
-
-    void layout();
-    void opensOnTheCompletingKey_data();
-    void opensOnTheCompletingKey();
-    void capTwice();
-    void editingKeys_data();
-    void editingKeys();
-    void messages();
-    void gateOpensWhenPasswordVanishes();
+    void dialog_data();
+    void dialog();
 
 private:
-    void writeConfig(const QByteArray& content) { QVERIFY(testenv::writeFile(m_panel->path(kConfig), content)); }
-    // A dialog on screen, guarded by `license` as the stored digest.
-    std::unique_ptr<PwdEntryDialog> openDialog(const QByteArray& license)
+    bool writeConfig(const QByteArray& license)
     {
-        writeConfig(configWith(license));
-        auto dialog = std::make_unique<PwdEntryDialog>(nullptr, idText);
-        dialog->show();
-        if (!QTest::qWaitForWindowExposed(dialog.get()))
-            qFatal("password dialog not shown");
-        return dialog;
+        return testenv::writeFile(m_panel->path(kConfig), "[SYSTEM]\nbrightness=80\n[SECURITY]\nlicense=" + license + '\n');
     }
 
     std::unique_ptr<testenv::TempPanel> m_panel;
 };
 
-void PasswordTest::init()
-{
-    // A new panel per test: QSettings would otherwise serve a rewritten
-    // configuration of equal size from its cache.
-    m_panel = std::make_unique<testenv::TempPanel>();
-    QVERIFY(m_panel->isValid());
-}
-
-void PasswordTest::cleanup()
-{
-    m_panel.reset();
-    for (QWidget* widget : QApplication::topLevelWidgets())
-        QVERIFY2(!widget->isVisible(), qPrintable(widget->objectName()));
-}
-
 void PasswordTest::cryptInit_data()
 {
-    QTest::addColumn<QByteArray>("config"); // empty: no configuration file
-    QTest::addColumn<bool>("breakLock");
-    QTest::addColumn<bool>("reads");
-    QTest::addColumn<QByteArray>("digest"); // empty: CryptInit reports no password
+    QTest::addColumn<QByteArray>("license"); // the stored digest; null: no configuration file
+    QTest::addColumn<bool>("breakLock");    // the lock directory turned into a file
+    QTest::addColumn<bool>("holdLock");     // the settings program holds the lock for 300 ms
+    QTest::addColumn<QByteArray>("digest"); // read; null: none read, empty: no password
 
     const QByteArray digest = md5Hex("AB1");
     QTest::newRow("no configuration file") << QByteArray() << false << false << QByteArray();
-    QTest::newRow("empty license") << configWith(QByteArray()) << false << true << QByteArray();
-    QTest::newRow("digest") << configWith(digest) << false << true << digest;
-    QTest::newRow("lock file not creatable") << configWith(digest) << true << false << QByteArray();
+    QTest::newRow("empty license") << QByteArray("") << false << false << QByteArray("");
+    QTest::newRow("digest") << digest << false << false << digest;
+    QTest::newRow("lock file not creatable") << digest << true << false << QByteArray();
+    QTest::newRow("waits for the lock") << digest << false << true << digest;
 }
 
 void PasswordTest::cryptInit()
 {
-    QFETCH(QByteArray, config);
+    QFETCH(QByteArray, license);
     QFETCH(bool, breakLock);
-    QFETCH(bool, reads);
+    QFETCH(bool, holdLock);
     QFETCH(QByteArray, digest);
 
     // A digest held beforehand tells a read from no read.
     md5_crypt_ctrl* crypt = md5_crypt_ctrl::GetInstance();
-    writeConfig(configWith("0123"));
-    QVERIFY(crypt->CryptInit());
-    QVERIFY(QFile::remove(m_panel->path(kLock)));
-
-    if (config.isEmpty())
-        QVERIFY(QFile::remove(m_panel->path(kConfig)));
-    else
-        writeConfig(config);
-    if (breakLock) { // the lock directory turned into a file
-        QVERIFY(QDir(m_panel->path(QStringLiteral("/tmp"))).removeRecursively());
-        QVERIFY(testenv::writeFile(m_panel->path(QStringLiteral("/tmp")), "not a directory"));
-    }
-
-    QCOMPARE(crypt->CryptInit(), !digest.isEmpty());
-    QVERIFY(crypt->isInitialised());
-    QCOMPARE(QByteArray::fromStdString(crypt->digest()), reads ? digest : QByteArray("0123"));
-    QCOMPARE(QFile::exists(m_panel->path(kLock)), reads);
-}
-
-void PasswordTest::cryptInitWaitsForTheLock()
-{
-    // The settings program holds the lock for a while; the reader must wait.
-    writeConfig(configWith(md5Hex("AB1")));
-    const QByteArray lockPath = QFile::encodeName(m_panel->path(kLock));
-    const int fd = open(lockPath.constData(), O_CREAT | O_RDWR | O_CLOEXEC, 0644);
-    QVERIFY(fd >= 0 && flock(fd, LOCK_EX) == 0);
-    std::thread settingsProgram([fd] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        flock(fd, LOCK_UN);
+    QVERIFY(writeConfig("0123") && crypt->CryptInit());
+    QVERIFY(QFile::remove(m_panel->path(kLock)) && QFile::remove(m_panel->path(kConfig)));
+    QVERIFY(license.isNull() || writeConfig(license));
+    if (breakLock)
+        QVERIFY(QDir(m_panel->path("/tmp")).removeRecursively() && testenv::writeFile(m_panel->path("/tmp"), "x"));
+    QFile lock(m_panel->path(kLock));
+    QVERIFY(!holdLock || (lock.open(QIODevice::WriteOnly) && flock(lock.handle(), LOCK_EX) == 0));
+    std::thread settingsProgram([&lock, holdLock] {
+        if (holdLock) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            flock(lock.handle(), LOCK_UN);
+        }
     });
     QElapsedTimer clock;
     clock.start();
-    const bool read = md5_crypt_ctrl::GetInstance()->CryptInit();
+    const bool read = crypt->CryptInit();
     const qint64 waited = clock.elapsed();
     settingsProgram.join();
-    QVERIFY(read);
-    QVERIFY2(waited >= 250, qPrintable(QString::number(waited)));
+
+    QCOMPARE(read, !digest.isEmpty());
+    QVERIFY(crypt->isInitialised());
+    QCOMPARE(QByteArray::fromStdString(crypt->digest()), digest.isNull() ? QByteArray("0123") : digest);
+    QCOMPARE(QFile::exists(m_panel->path(kLock)), !digest.isNull());
+    QVERIFY2(!holdLock || waited >= 250, qPrintable(QString::number(waited)));
     // Released again: the settings program gets it at once.
-    QCOMPARE(flock(fd, LOCK_EX | LOCK_NB), 0);
-    close(fd);
+    QVERIFY(!holdLock || flock(lock.handle(), LOCK_EX | LOCK_NB) == 0);
 }
 
-void PasswordTest::layout()
+void PasswordTest::dialog_data()
 {
-    const auto dialog = openDialog(md5Hex("AB1"));
-
-    QCOMPARE(dialog->windowTitle(), QStringLiteral("#1011"));
-    QCOMPARE(dialog->findChild<QLabel*>(QStringLiteral("label"))->text(), QStringLiteral("#1014"));
-    QCOMPARE(lineEdit(*dialog)->echoMode(), QLineEdit::Password);
-    QCOMPARE(dialog->size(), QSize(480, 280));
-    const QRect desktop = QApplication::desktop()->geometry();
-    QCOMPARE(dialog->pos(), QPoint((desktop.width() - 480) / 2, (desktop.height() - 280) / 2));
-
-    // The 40 keys, eight to a row in table order, by the names the panel's tools know them by.
-    QStringList laidOut;
-    for (int row = 0; row < 5; ++row) {
-        auto* rowLayout = dialog->findChild<QHBoxLayout*>(QStringLiteral("horiLayoutsName%1").arg(row));
-        QVERIFY(rowLayout != nullptr);
-        for (int column = 0; column < rowLayout->count(); ++column)
-            laidOut << rowLayout->itemAt(column)->widget()->objectName();
-    }
-    QStringList names = keyNames();
-    for (QString& name : names)
-        name.prepend(QStringLiteral("keyBtn"));
-    QCOMPARE(laidOut, names);
-    QCOMPARE(key(*dialog, QStringLiteral("Confirm"))->text(), QStringLiteral("#1003"));
-}
-
-void PasswordTest::opensOnTheCompletingKey_data()
-{
-    QTest::addColumn<QByteArray>("stored");
+    QTest::addColumn<QByteArray>("license");
+    QTest::addColumn<QString>("start");    // in the line edit, the cursor at "|" (else at the end)
+    QTest::addColumn<int>("selection");    // selected from the cursor on
+    QTest::addColumn<QString>("keys");     // key names; "~": the settings program removes the password
+    QTest::addColumn<QString>("typed");    // in the line edit afterwards
+    QTest::addColumn<QList<int>>("boxes"); // the messages of the boxes shown
     QTest::addColumn<bool>("opens");
-    QTest::newRow("lower-case digest") << md5Hex("AB1") << true;
+    QTest::addColumn<bool>("lower");       // the letter keys show lower case
+
+    const QByteArray ab1 = md5Hex("AB1"), abLower = md5Hex("ab1");
+    const QList<int> none;
+    QTest::newRow("opens on the completing key") << ab1 << "" << 0 << "A B 1" << "" << none << true << false;
     // The settings program writes lower case only.
-    QTest::newRow("upper-case digest never matches") << md5Hex("AB1").toUpper() << false;
-    QTest::newRow("digest with a trailing character") << md5Hex("AB1") + "0" << false;
-    QTest::newRow("truncated digest") << md5Hex("AB1").left(31) << false;
-}
-
-void PasswordTest::opensOnTheCompletingKey()
-{
-    QFETCH(QByteArray, stored);
-    QFETCH(bool, opens);
-
-    const auto dialog = openDialog(stored);
-    QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    testenv::BoxAnswerer boxes;
-
-    typeKeys(*dialog, QStringLiteral("AB"));
-    QCOMPARE(lineEdit(*dialog)->text(), QStringLiteral("AB"));
-    QCOMPARE(allowed.count(), 0);
-
-    typeKeys(*dialog, QStringLiteral("1"));
-    QCOMPARE(allowed.count(), opens ? 1 : 0);
-    QCOMPARE(dialog->isAccessAllowed(), opens);
-    QCOMPARE(dialog->isVisible(), !opens);
-    QCOMPARE(lineEdit(*dialog)->text(), opens ? QString() : QStringLiteral("AB1"));
-    QVERIFY(boxes.seen().isEmpty());
-    dialog->close();
-}
-
-void PasswordTest::capTwice()
-{
-    const auto dialog = openDialog(md5Hex("ab1"));
-    QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    const QStringList upper = captions(*dialog);
-
-    typeKeys(*dialog, QStringLiteral("AB1"));
-    QCOMPARE(allowed.count(), 0);
-    lineEdit(*dialog)->clear();
-
-    press(*dialog, QStringLiteral("Cap"));
-    QStringList lower = upper;
-    for (int i = 10; i < 36; ++i)
-        lower[i] = lower[i].toLower();
-    QCOMPARE(captions(*dialog), lower);
-    press(*dialog, QStringLiteral("Cap"));
-    QCOMPARE(captions(*dialog), upper);
-
-    // What is typed follows the captions.
-    press(*dialog, QStringLiteral("Cap"));
-    typeKeys(*dialog, QStringLiteral("AB"));
-    QCOMPARE(lineEdit(*dialog)->text(), QStringLiteral("ab"));
-    typeKeys(*dialog, QStringLiteral("1"));
-    QCOMPARE(allowed.count(), 1);
-}
-
-void PasswordTest::editingKeys_data()
-{
-    QTest::addColumn<QString>("keyName");
-    QTest::addColumn<int>("cursor");
-    QTest::addColumn<int>("selectionLength"); // from the cursor; 0: no selection
-    QTest::addColumn<QString>("expected");
-    QTest::addColumn<int>("expectedCursor");
-
+    QTest::newRow("upper-case digest") << ab1.toUpper() << "" << 0 << "A B 1" << "AB1" << none
+                                       << false << false;
+    QTest::newRow("digest with a trailing character") << ab1 + "0" << "" << 0 << "A B 1" << "AB1"
+                                                      << none << false << false;
+    QTest::newRow("truncated digest") << ab1.left(31) << "" << 0 << "A B 1" << "AB1" << none
+                                      << false << false;
+    QTest::newRow("Cap twice") << abLower << "" << 0 << "Cap Cap A B 1" << "AB1" << none << false << false;
+    QTest::newRow("Cap types lower case") << abLower << "" << 0 << "Cap A B" << "ab" << none << false << true;
+    QTest::newRow("Cap, lower-case password") << abLower << "" << 0 << "Cap A B 1" << "" << none << true << true;
     // Del removes a selection only, never the character after the cursor.
-    QTest::newRow("Del without a selection") << "Del" << 2 << 0 << "ZYXW" << 2;
-    QTest::newRow("Del, selection forwards") << "Del" << 1 << 2 << "ZW" << 1;
-    QTest::newRow("Del, selection backwards") << "Del" << 3 << -2 << "ZW" << 1;
-    QTest::newRow("Back inside") << "Back" << 2 << 0 << "ZXW" << 1;
-    QTest::newRow("Back at position 0") << "Back" << 0 << 0 << "ZYXW" << 0;
+    QTest::newRow("Del without a selection") << ab1 << "ZY|XW" << 0 << "Del Q" << "ZYQXW" << none << false << false;
+    QTest::newRow("Del, selection forwards") << ab1 << "Z|YXW" << 2 << "Del Q" << "ZQW" << none << false << false;
+    QTest::newRow("Del, selection backwards") << ab1 << "ZYX|W" << -2 << "Del Q" << "ZQW" << none << false << false;
+    QTest::newRow("Back inside") << ab1 << "ZY|XW" << 0 << "Back Q" << "ZQXW" << none << false << false;
+    QTest::newRow("Back at position 0") << ab1 << "|ZYXW" << 0 << "Back Q" << "QZYXW" << none << false << false;
+    // Nothing is cut: every key brings the box again until the text is short
+    // enough. A right password opens on its last key, so Confirm always
+    // reports a wrong one.
+    QTest::newRow("too long, then Confirm") << ab1 << QString(20, 'Z') << 0 << "Z Z Back Back Confirm" << ""
+                                            << QList<int>{1012, 1012, 1012, 1013} << false << false;
+    QTest::newRow("20 characters") << ab1 << QString(19, 'Z') << 0 << "Z" << QString(20, 'Z') << none << false
+                                   << false;
+    // Read again on every key.
+    QTest::newRow("password removed meanwhile") << ab1 << "" << 0 << "Z ~ Z" << "" << none << true << false;
 }
 
-void PasswordTest::editingKeys()
+void PasswordTest::dialog()
 {
-    QFETCH(QString, keyName);
-    QFETCH(int, cursor);
-    QFETCH(int, selectionLength);
-    QFETCH(QString, expected);
-    QFETCH(int, expectedCursor);
+    QFETCH(QByteArray, license);
+    QFETCH(QString, start);
+    QFETCH(int, selection);
+    QFETCH(QString, keys);
+    QFETCH(QString, typed);
+    QFETCH(QList<int>, boxes);
+    QFETCH(bool, opens);
+    QFETCH(bool, lower);
 
-    const auto dialog = openDialog(md5Hex("AB1"));
-    QLineEdit* edit = lineEdit(*dialog);
-    edit->setText(QStringLiteral("ZYXW"));
-    edit->setCursorPosition(cursor);
-    if (selectionLength != 0)
-        edit->setSelection(cursor, selectionLength);
+    QVERIFY(writeConfig(license));
+    // Every text names its id, so that each caption and message shows where it came from.
+    PwdEntryDialog dialog(nullptr, [](int id) { return QStringLiteral("#%1").arg(id); });
+    dialog.show();
+    auto* edit = testenv::child<QLineEdit>(dialog, "lineEditPwd");
+    QCOMPARE(QStringList({dialog.windowTitle(), testenv::child<QLabel>(dialog, "label")->text()}),
+             QStringList({"#1011", "#1014"}));
+    QCOMPARE(edit->echoMode(), QLineEdit::Password);
+    const QRect desktop = QApplication::desktop()->geometry();
+    QCOMPARE(QRect(dialog.pos(), dialog.size()), QRect((desktop.width() - 480) / 2, (desktop.height() - 280) / 2, 480, 280));
+    // The 40 keys, eight to a row in table order, by the names the panel's
+    // tools know them by.
+    const QStringList names = QStringLiteral("1 2 3 4 5 6 7 8 9 0 A B C D E F G H I J K L M N O P Q R S T U V W X Y Z "
+                                             "Cap Del Back Confirm").split(QLatin1Char(' '));
+    QStringList laidOut, captions;
+    for (int row = 0; row < 5; ++row) {
+        auto* rowLayout = dialog.findChild<QHBoxLayout*>(QStringLiteral("horiLayoutsName%1").arg(row));
+        for (int column = 0; column < rowLayout->count(); ++column)
+            laidOut << rowLayout->itemAt(column)->widget()->objectName().mid(6);
+    }
+    QCOMPARE(laidOut, names);
+    const auto caption = [&](int key) { return dialog.findChild<QPushButton*>("keyBtn" + names.at(key))->text(); };
+    for (int key = 0; key < 40; ++key)
+        captions << caption(key);
+    QCOMPARE(captions.mid(0, 36) + captions.mid(39), names.mid(0, 36) + QStringList{"#1003"});
 
-    press(*dialog, keyName);
-    QCOMPARE(edit->text(), expected);
-    QCOMPARE(edit->cursorPosition(), expectedCursor);
-    // Typing goes in at the cursor.
-    typeKeys(*dialog, QStringLiteral("Q"));
-    QCOMPARE(edit->text(), QString(expected).insert(expectedCursor, QLatin1Char('Q')));
-    dialog->close();
-}
+    const int cursor = start.indexOf(QLatin1Char('|'));
+    edit->setText(QString(start).remove(QLatin1Char('|')));
+    if (cursor >= 0)
+        edit->setCursorPosition(cursor);
+    if (selection != 0)
+        edit->setSelection(cursor, selection);
+    QSignalSpy allowed(&dialog, &PwdEntryDialog::allowedAccess);
+    testenv::BoxAnswerer answerer;
+    for (const QString& key : keys.split(QLatin1Char(' '))) {
+        if (key == QLatin1String("~"))
+            QVERIFY(QFile::remove(m_panel->path(kConfig)));
+        else
+            QTest::mouseClick(dialog.findChild<QPushButton*>(QStringLiteral("keyBtn") + key), Qt::LeftButton);
+    }
 
-void PasswordTest::messages()
-{
-    const auto dialog = openDialog(md5Hex("AB1"));
-    QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    testenv::BoxAnswerer boxes;
-
-    typeKeys(*dialog, QStringLiteral("Z").repeated(20));
-    QVERIFY(boxes.seen().isEmpty());
-    // The 21st character brings the box.
-    typeKeys(*dialog, QStringLiteral("Z"));
-    QCOMPARE(boxes.seen().size(), 1);
-    const testenv::SeenBox box = boxes.seen().first();
-    QCOMPARE(box.title, QStringLiteral("#1001"));
-    QCOMPARE(box.text, QStringLiteral("#1012"));
-    QCOMPARE(box.buttons, QStringList{QStringLiteral("#1003")});
-    QCOMPARE(box.icon, QMessageBox::Information);
-    QCOMPARE(box.parent, dialog.get());
-    // Nothing is cut: every key brings it again until the text is short enough.
-    QCOMPARE(lineEdit(*dialog)->text().length(), 21);
-    typeKeys(*dialog, QStringLiteral("Z"));
-    press(*dialog, QStringLiteral("Back"));
-    press(*dialog, QStringLiteral("Back"));
-    QCOMPARE(lineEdit(*dialog)->text().length(), 20);
-    QCOMPARE(boxes.seen().size(), 3);
-
-    // A right password opens on its last key, so Confirm always reports a wrong one.
-    press(*dialog, QStringLiteral("Confirm"));
-    QCOMPARE(boxes.seen().size(), 4);
-    QCOMPARE(boxes.seen().last().text, QStringLiteral("#1013"));
-    QVERIFY(lineEdit(*dialog)->text().isEmpty());
-    QVERIFY(dialog->isVisible());
-
+    QCOMPARE(edit->text(), typed);
+    QStringList shown, wanted;
+    for (const testenv::SeenBox& box : answerer.seen()) {
+        shown << QStringList{box.title, box.text, box.buttons.join(QLatin1Char('/'))}.join(QLatin1Char(' '));
+        QVERIFY(box.icon == QMessageBox::Information && box.parent == &dialog);
+    }
+    for (int id : boxes)
+        wanted << QStringLiteral("#1001 #%1 #1003").arg(id);
+    QCOMPARE(shown, wanted);
+    QCOMPARE(QList<bool>({allowed.count() == 1, dialog.isAccessAllowed(), !dialog.isVisible()}),
+             QList<bool>({opens, opens, opens}));
+    for (int key = 10; key < 36 && lower; ++key)
+        captions[key] = captions[key].toLower();
+    for (int key = 0; key < 40; ++key)
+        QCOMPARE(caption(key), captions.at(key));
     // Closing forgets what was typed.
-    typeKeys(*dialog, QStringLiteral("AB"));
-    dialog->close();
-    QVERIFY(lineEdit(*dialog)->text().isEmpty());
-    QCOMPARE(allowed.count(), 0);
-    QVERIFY(!dialog->isAccessAllowed());
-}
-
-void PasswordTest::gateOpensWhenPasswordVanishes()
-{
-    const auto dialog = openDialog(md5Hex("AB1"));
-    QSignalSpy allowed(dialog.get(), &PwdEntryDialog::allowedAccess);
-    typeKeys(*dialog, QStringLiteral("Z"));
-    QCOMPARE(allowed.count(), 0);
-
-    // Read again on every key: the settings program removed the password meanwhile.
-    QVERIFY(QFile::remove(m_panel->path(kConfig)));
-    typeKeys(*dialog, QStringLiteral("Z"));
-    QCOMPARE(allowed.count(), 1);
-    QVERIFY(!dialog->isVisible());
+    dialog.close();
+    QVERIFY(edit->text().isEmpty());
 }
 
 QTEST_MAIN(PasswordTest)
