@@ -39,6 +39,15 @@ inline QString enabledButtons(const QWidget& dialog, std::initializer_list<const
     return states;
 }
 
+// The window's title, then the text of each named child (a label's, a button's).
+inline QStringList textsOf(const QWidget& window, std::initializer_list<const char*> names)
+{
+    QStringList texts{window.windowTitle()};
+    for (const char* name : names)
+        texts << child<QWidget>(window, name)->property("text").toString();
+    return texts;
+}
+
 // While it lives, hands every widget that is being shown to `onShow`, before
 // it shows and before a modal one starts its loop.
 class ShowWatcher : public QObject
