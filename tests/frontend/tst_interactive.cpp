@@ -26,7 +26,8 @@
 
 namespace {
 
-// Runs xdotool on `display`; its output, or null when it failed.
+// Runs xdotool on `display`: its output with a space appended (so that success
+// is never null), or null when it failed.
 QByteArray xdotool(const QString& display, const QString& arguments)
 {
     QProcess tool;
