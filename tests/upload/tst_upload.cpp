@@ -15,6 +15,7 @@
 #include <QRandomGenerator>
 #include <QtTest>
 
+#include <csignal>
 #include <memory>
 
 #include <sys/resource.h>
@@ -115,29 +116,34 @@ void TestUpload::unpackingStreams()
 void TestUpload::copyAndUnpack_data()
 {
     QTest::addColumn<QByteArray>("source");      // the panel's backup file; null: a directory
-    QTest::addColumn<int>("chunks");             // copied, each followed by a call; -1: the copy fails
+    QTest::addColumn<int>("chunks");             // copied, each followed by a call
     QTest::addColumn<QByteArray>("diagnostics"); // "%" stands for the source's mode
     QTest::addColumn<bool>("unpacked");
     // The target (null: none), or, unpacked in vain, what it is a true prefix of.
     QTest::addColumn<QByteArray>("project");
+    QTest::addColumn<int>("fileLimit"); // the size files may grow to during the copy; 0: no limit
 
     const QByteArray empty(""), small("a small project\n"), random = randomBytes(kMiB + kMiB / 2 + 123, 1);
     const QByteArray good = kit::kavoZipContainer(small), big = kit::kavoZipContainer(random);
     QTest::newRow("empty file") << empty << 0 << QByteArray("real copy a empty file:opxbackup/KavoBackupProject.bin\n")
-                                << false << empty;
-    QTest::newRow("exactly one buffer") << randomBytes(kMiB, 7) << 1 << kNone << false << empty;
-    QTest::newRow("one buffer and a byte") << randomBytes(kMiB + 1, 7) << 2 << kNone << false << empty;
-    QTest::newRow("source is a directory") << kNone << -1 << QByteArray("src file is not a regular file:%\n") << false
-                                           << kNone;
-    QTest::newRow("empty project") << kit::kavoZipContainer(empty) << 1 << kNone << true << empty;
-    QTest::newRow("trailing garbage") << good + randomBytes(40000, 3) << 1 << kNone << true << small;
-    QTest::newRow("short header") << good.left(10) << 1 << kNone << false << empty;
-    QTest::newRow("wrong magic") << flipped(good, {0}, 1) << 1 << kNone << false << empty;
-    QTest::newRow("header words differ") << flipped(good, {13}, 3) << 1 << kNone << false << empty;
+                                << false << empty << 0;
+    QTest::newRow("exactly one buffer") << randomBytes(kMiB, 7) << 1 << kNone << false << empty << 0;
+    QTest::newRow("one buffer and a byte") << randomBytes(kMiB + 1, 7) << 2 << kNone << false << empty << 0;
+    // The write of the second buffer lands only in part; the rest is refused.
+    QTest::newRow("file limit half-way into the second buffer")
+        << randomBytes(2 * kMiB + 5, 11) << 1 << QByteArray("error write failed!File too large\n") << false << empty
+        << kMiB + kMiB / 2;
+    QTest::newRow("source is a directory") << kNone << 0 << QByteArray("src file is not a regular file:%\n") << false
+                                           << kNone << 0;
+    QTest::newRow("empty project") << kit::kavoZipContainer(empty) << 1 << kNone << true << empty << 0;
+    QTest::newRow("trailing garbage") << good + randomBytes(40000, 3) << 1 << kNone << true << small << 0;
+    QTest::newRow("short header") << good.left(10) << 1 << kNone << false << empty << 0;
+    QTest::newRow("wrong magic") << flipped(good, {0}, 1) << 1 << kNone << false << empty << 0;
+    QTest::newRow("header words differ") << flipped(good, {13}, 3) << 1 << kNone << false << empty << 0;
     // The magic is compared with its terminating zero, the first byte of the first word.
-    QTest::newRow("byte 8 not 0") << flipped(good, {8, 12}, 1) << 1 << kNone << false << empty;
-    QTest::newRow("truncated stream") << big.left(big.size() - 1000) << 2 << kNone << false << random;
-    QTest::newRow("wrong adler-32") << flipped(big, {big.size() - 1}, 0x5a) << 2 << kNone << false << random;
+    QTest::newRow("byte 8 not 0") << flipped(good, {8, 12}, 1) << 1 << kNone << false << empty << 0;
+    QTest::newRow("truncated stream") << big.left(big.size() - 1000) << 2 << kNone << false << random << 0;
+    QTest::newRow("wrong adler-32") << flipped(big, {big.size() - 1}, 0x5a) << 2 << kNone << false << random << 0;
 }
 
 void TestUpload::copyAndUnpack()
@@ -147,6 +153,7 @@ void TestUpload::copyAndUnpack()
     QFETCH(QByteArray, diagnostics);
     QFETCH(bool, unpacked);
     QFETCH(QByteArray, project);
+    QFETCH(int, fileLimit);
 
     // Every copy replaces a longer earlier one.
     const QString path = m_stick->path() + QStringLiteral("/source.bin");
@@ -155,12 +162,23 @@ void TestUpload::copyAndUnpack()
                                   && testenv::writeFile(projectupload::kLocalPackedPath, QByteArray(3 * kMiB, 'x')));
     struct stat info;
     QCOMPARE(stat(QFile::encodeName(path).constData(), &info), 0);
+    rlimit previous, limited;
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    limited = previous;
+    limited.rlim_cur = fileLimit > 0 ? rlim_t(fileLimit) : previous.rlim_cur;
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit fails instead of ending the test
     int calls = 0;
     bool copied = false;
-    QCOMPARE(stderrOf([&] { copied = projectupload::copyToUdisk(path, [&calls] { ++calls; }); }),
+    QCOMPARE(stderrOf([&] {
+                 setrlimit(RLIMIT_FSIZE, &limited);
+                 copied = projectupload::copyToUdisk(path, [&calls] { ++calls; });
+                 setrlimit(RLIMIT_FSIZE, &previous);
+             }),
              diagnostics.replace('%', QByteArray::number(int(info.st_mode))));
-    QCOMPARE(copied ? calls : -1, chunks);
-    QVERIFY(testenv::readFile(projectupload::kLocalPackedPath) == source);
+    // Only the empty file is copied with a diagnostic.
+    QCOMPARE(copied, diagnostics.isEmpty() || diagnostics.startsWith("real copy"));
+    QCOMPARE(calls, chunks);
+    QVERIFY(testenv::readFile(projectupload::kLocalPackedPath) == (copied ? source : source.left(fileLimit)));
 
     int inflating = 0;
     QCOMPARE(projectupload::unpackProject(projectupload::kLocalPackedPath, "target", [&] { ++inflating; }), unpacked);
