@@ -1,74 +1,47 @@
-// The start note (dlgUpNote) and the package's main window (UDiskUpWin), in
-// process on an offscreen screen, on temporary panels and sticks. Modal
-// dialogs are answered from a timer that watches the active modal widget.
+// The front end's dialogs in process on temporary panels and sticks, one table
+// of states and presses each: start note, main window, password, runtime stop.
 #include "frame/screensetting.h"
 #include "frame/winsize.h"
+#include "frontend/app_exit_failed_dlg.h"
 #include "frontend/dlgupnote.h"
+#include "frontend/kavo_process.h"
 #include "frontend/pwdentrydialog.h"
 #include "frontend/udiskupwin.h"
-#include "dialogprobe.h"
-#include "testenv.h"
 #include "text/multilingualmanager.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/stick.h"
 #include "upload/zeltupdlg.h"
 
-#include <QApplication>
+#include "boxanswerer.h"
+#include "dialogprobe.h"
+#include "testenv.h"
+
 #include <QComboBox>
 #include <QCryptographicHash>
-#include <QDesktopWidget>
-#include <QDir>
-#include <QFile>
-#include <QLabel>
-#include <QPushButton>
-#include <QScopeGuard>
-#include <QSet>
-#include <QTemporaryDir>
-#include <QTimer>
+#include <QLineEdit>
+#include <QSignalSpy>
 #include <QtTest>
 
-#include <functional>
+#include <csignal>
 #include <memory>
 
 namespace {
 
-// A language file that renames the note's title and buttons.
-const QByteArray kEnglishTexts = "[1004]\nstring = Yes\n[1005]\nstring = No\n[2000]\nstring = USB package\n";
+using testenv::child;
+using testenv::textsOf;
 
-QPoint centred(const QWidget& window)
+const QString kConfig = QStringLiteral("/usr/kavo_app/config/kavo_app_conf.ini");
+
+QByteArray md5Hex(const QByteArray& password)
 {
-    const QRect desktop = QApplication::desktop()->geometry();
-    return QPoint((desktop.width() - window.width()) / 2, (desktop.height() - window.height()) / 2);
+    return QCryptographicHash::hash(password, QCryptographicHash::Md5).toHex();
 }
 
-QString buttonText(const QWidget& window, const QString& name)
+// Every text shows its id; 1010 also takes the reason a reboot failed.
+QString tagged(int id)
 {
-    return window.findChild<QPushButton*>(name)->text();
+    return id == 1010 ? QStringLiteral("#1010 %1") : QStringLiteral("#%1").arg(id);
 }
-
-// Runs `handle` on each modal widget that becomes active while it lives, once
-// per widget, from inside the modal loops.
-class ModalWatcher
-{
-public:
-    explicit ModalWatcher(std::function<void(QWidget*)> handle)
-        : m_handle(std::move(handle))
-    {
-        QObject::connect(&m_timer, &QTimer::timeout, [this] {
-            QWidget* modal = QApplication::activeModalWidget();
-            if (modal == nullptr || !modal->isVisible() || m_seen.contains(modal))
-                return;
-            m_seen.insert(modal);
-            m_handle(modal);
-        });
-        m_timer.start(20);
-    }
-
-private:
-    std::function<void(QWidget*)> m_handle;
-    QSet<QWidget*> m_seen;
-    QTimer m_timer;
-};
 
 } // namespace
 
@@ -77,329 +50,405 @@ class tst_frontend : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
+    // The note and the main window end the application with their last window.
+    void initTestCase() { QApplication::setQuitOnLastWindowClosed(false); }
     void init();
     void cleanup();
-
+    void note_data();
+    void note();
     void mainWindow_data();
     void mainWindow();
-    void uploadOverDisabledWindow();
-
-    void noteFromPackage_data();
-    void noteFromPackage();
-    void noteLanguageChange_data();
-    void noteLanguageChange();
-    void noteAnswers_data();
-    void noteAnswers();
+    void password_data();
+    void password();
+    void runtimeStop_data();
+    void runtimeStop();
 
 private:
-    // A panel laid out by the kit, KAVO_PANEL_ROOT while the test runs.
-    void makePanel(const kit::PanelSpec& spec = {});
-    // A stick with the package description of `spec` and `lanFiles` (code ->
-    // content) in its "language/" directory; becomes the working directory.
-    void makeStick(const kit::PackageSpec& spec = {}, const QMap<QString, QByteArray>& lanFiles = {});
-    QString appDir() const { return m_stick->path() + QStringLiteral("/opxupdateu"); }
-    void useScreen(int deviceWidth)
-    {
-        ScreenSetting::setDeviceWidthOverride(deviceWidth);
-        selectWinSize(ScreenSetting::deviceWidth());
-    }
+    // A kit panel and a stick with the package, the working directory.
+    void makeStick(const kit::PanelSpec& panel, const kit::PackageSpec& package, int deviceWidth);
 
-    QString m_startDir;
+    const QString m_startDir = QDir::currentPath();
     std::unique_ptr<testenv::TempPanel> m_panel;
     std::unique_ptr<QTemporaryDir> m_stick;
+    QProcess m_runtime;
 };
-
-void tst_frontend::initTestCase()
-{
-    // The note and the main window end the application when their last window
-    // closes; the test runs many of them in one application.
-    QApplication::setQuitOnLastWindowClosed(false);
-    m_startDir = QDir::currentPath();
-}
 
 void tst_frontend::init()
 {
     QVERIFY(testenv::loadBuiltinTexts());
-    useScreen(1024);
+    m_panel = std::make_unique<testenv::TempPanel>();
 }
 
 void tst_frontend::cleanup()
 {
+    m_runtime.kill();
+    m_runtime.waitForFinished(5000);
     QDir::setCurrent(m_startDir);
+    for (const char* name : {"KAVO_UDISK_ROOT", "KAVO_SIM_REFUSE_STOP", "KAVO_SIM_REBOOT_ERRNO"})
+        qunsetenv(name);
+    kavo_process::setMulLanguage(nullptr);
+    ScreenSetting::setDeviceWidthOverride(0);
     m_stick.reset();
     m_panel.reset();
-    ScreenSetting::setDeviceWidthOverride(0);
-    for (QWidget* window : QApplication::topLevelWidgets()) {
-        if (window->isVisible() && qobject_cast<QDialog*>(window) != nullptr)
-            QFAIL(qPrintable(QStringLiteral("left open: ") + window->metaObject()->className()));
-    }
 }
 
-void tst_frontend::makePanel(const kit::PanelSpec& spec)
-{
-    m_panel = std::make_unique<testenv::TempPanel>();
-    QVERIFY(m_panel->isValid());
-    QVERIFY(kit::makePanel(m_panel->root(), spec));
-}
-
-void tst_frontend::makeStick(const kit::PackageSpec& spec, const QMap<QString, QByteArray>& lanFiles)
+void tst_frontend::makeStick(const kit::PanelSpec& panel, const kit::PackageSpec& package, int deviceWidth)
 {
     m_stick = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_stick->isValid());
-    QVERIFY(kit::writePackage(m_stick->path(), spec));
-    for (auto it = lanFiles.cbegin(); it != lanFiles.cend(); ++it)
-        QVERIFY(testenv::writeFile(appDir() + QStringLiteral("/language/") + it.key() + QStringLiteral(".lan"),
-                                   it.value()));
+    QVERIFY(kit::makePanel(m_panel->root(), panel) && kit::writePackage(m_stick->path(), package));
     QVERIFY(QDir::setCurrent(m_stick->path()));
+    ScreenSetting::setDeviceWidthOverride(deviceWidth);
+    selectWinSize(ScreenSetting::deviceWidth());
+}
+
+void tst_frontend::note_data()
+{
+    QTest::addColumn<QStringList>("ids");     // of the package's three languages
+    QTest::addColumn<int>("toolLanguage");    // the package's fallback
+    QTest::addColumn<QString>("lanId");       // in use at the start
+    QTest::addColumn<int>("entry");           // selected at the start
+    QTest::addColumn<int>("select");          // by the operator; -1: none
+    QTest::addColumn<QString>("language");    // in use afterwards
+    QTest::addColumn<QString>("captions");    // "Yes/No" from the English file
+    QTest::addColumn<QStringList>("presses"); // on the note, then keys on the password dialog (else it is closed)
+    QTest::addColumn<QStringList>("opened");  // the dialogs run in turn; a password dialog: "A1B" is set
+
+    const QStringList three{"0000", "0001", "0002"}, two{"0000", "0001"}, yes{"upBtnOk"}, none;
+    // Selecting the entry in use at the start loads nothing: the built-in texts stay.
+    QTest::newRow("listed language, Yes without a password")
+        << three << 0 << "0001" << 1 << -1 << "0001" << "是/否" << yes << QStringList{"UDiskUpWin"};
+    QTest::newRow("language not listed, more names than ids, No")
+        << two << 0 << "0042" << 0 << -1 << "0042" << "是/否" << QStringList{"upBtnCancel"} << none;
+    QTest::newRow("language with its file, right password")
+        << three << 0 << "0000" << 0 << 1 << "0001" << "Yes/No" << QStringList{"upBtnOk", "keyBtnA", "keyBtn1", "keyBtnB"}
+        << QStringList{"PwdEntryDialog", "UDiskUpWin"};
+    QTest::newRow("missing file, tool language has one, password dialog closed")
+        << three << 1 << "0000" << 0 << 2 << "0002" << "Yes/No" << yes << QStringList{"PwdEntryDialog"};
+    QTest::newRow("missing file, no tool language file") << three << 3 << "0000" << 0 << 2 << "0002" << "是/否" << none
+                                                         << none;
+    QTest::newRow("entry beyond the id list") << two << 1 << "0000" << 0 << 2 << "0000" << "是/否" << none << none;
+}
+
+void tst_frontend::note()
+{
+    QFETCH(QStringList, ids);
+    QFETCH(int, toolLanguage);
+    QFETCH(QString, lanId);
+    QFETCH(int, entry);
+    QFETCH(int, select);
+    QFETCH(QString, language);
+    QFETCH(QString, captions);
+    QFETCH(QStringList, presses);
+    QFETCH(QStringList, opened);
+    kit::PanelSpec panel;
+    if (opened.contains(QStringLiteral("PwdEntryDialog")))
+        panel.passwordDigest = QString::fromLatin1(md5Hex("A1B"));
+    kit::PackageSpec package;
+    package.version = QStringLiteral("V2.3.4.5");
+    package.languageNames = QStringList{"中文", "English", "Français"};
+    package.languageIds = ids;
+    package.toolLanguage = toolLanguage;
+    makeStick(panel, package, ids.size() == 3 ? 1025 : 1024);
+    const QString appDir = m_stick->path() + QStringLiteral("/opxupdateu");
+    QVERIFY(testenv::writeFile(appDir + QStringLiteral("/language/0001.lan"),
+                               "[1004]\nstring = Yes\n[1005]\nstring = No\n[2000]\nstring = USB package\n"));
+
+    dlgUpNote note(appDir, lanId);
+    auto* combo = child<QComboBox>(note, "comboBox");
+    QCOMPARE(QStringList({combo->itemText(0), combo->itemText(2), QString::number(combo->currentIndex())}),
+             QStringList({"中文", "Français", QString::number(entry)}));
+    QCOMPARE(note.size(), ids.size() == 3 ? QSize(550, 220) : QSize(397, 173));
+    // The clear copy of the scrambled description does not outlive the reading.
+    QCOMPARE(QDir(appDir + QStringLiteral("/config")).entryList({"proUpdate*.ini"}).size(), 2);
+    if (select >= 0)
+        combo->setCurrentIndex(select);
+    QCOMPARE(note.lanId(), language);
+    QCOMPARE(textsOf(note, {"upBtnOk", "upBtnCancel", "upNoteLbl"}),
+             QStringList({(captions == QLatin1String("Yes/No") ? "USB package" : "kavoOpx U盘综合功能包")
+                              + QStringLiteral(" V2.3.4.5"),
+                          captions.section('/', 0, 0), captions.section('/', 1),
+                          "<html><head/><body><p align='center' style='margin:3px'>您正在使用 kavoOpx U盘综合功能包 "
+                          "V2.3.4.5，</span></p><p align='center' style='margin:3px'> 点击“是”返回到系统设置界面并启动"
+                          "综合功能包，点击“否”退出!</span></p></body></html>"}));
+    if (presses.isEmpty())
+        return;
+
+    // Each dialog the note runs, the note hidden meanwhile, is answered from its own loop.
+    QStringList seen;
+    testenv::ShowWatcher watcher([&](QWidget* shown) {
+        auto* main = qobject_cast<UDiskUpWin*>(shown);
+        if (qobject_cast<PwdEntryDialog*>(shown) == nullptr && main == nullptr)
+            return;
+        seen << QString::fromLatin1(shown->metaObject()->className()) + (main ? " " + main->lanId() : QString());
+        QVERIFY(!note.isVisible());
+        QTimer::singleShot(50, shown, [shown, main, presses] {
+            for (int i = 1; i < presses.size() && main == nullptr; ++i)
+                child<QPushButton>(*shown, qPrintable(presses.at(i)))->click();
+            if (main != nullptr || presses.size() == 1)
+                shown->close();
+        });
+    });
+    note.show();
+    child<QPushButton>(note, qPrintable(presses.first()))->click();
+    opened.replaceInStrings(QStringLiteral("UDiskUpWin"), QStringLiteral("UDiskUpWin ") + language);
+    QCOMPARE(seen, opened);
+    QVERIFY(!note.isVisible());
+    if (!seen.join(' ').contains(QLatin1String("UDiskUpWin")))
+        return;
+    // "Yes" works once.
+    note.show();
+    child<QPushButton>(note, "upBtnOk")->click();
+    QCOMPARE(seen, opened);
+    note.close();
 }
 
 void tst_frontend::mainWindow_data()
 {
-    QTest::addColumn<bool>("withBackup");
-    QTest::addColumn<int>("deviceWidth");
-    QTest::addColumn<QSize>("size");
-    // Upload needs the panel's packed project, #BKCompreProj.bin. An upload
-    // goes to the stick's opxbackup directory where there is one.
-    QTest::newRow("packed project, opxbackup, small screen") << true << 1024 << QSize(432, 180);
-    QTest::newRow("nothing to upload, no opxbackup, large screen") << false << 1025 << QSize(550, 180);
+    QTest::addColumn<bool>("backup");    // the panel's packed project, #BKCompreProj.bin, is there
+    QTest::addColumn<bool>("opxbackup"); // on the stick; an upload makes it
+    QTest::newRow("packed project, opxbackup, small screen") << true << true;
+    QTest::newRow("packed project, no opxbackup, large screen") << true << false;
+    QTest::newRow("nothing to upload") << false << true;
 }
 
 void tst_frontend::mainWindow()
 {
-    QFETCH(bool, withBackup);
-    QFETCH(int, deviceWidth);
-    QFETCH(QSize, size);
+    QFETCH(bool, backup);
+    QFETCH(bool, opxbackup);
     kit::PanelSpec panel;
-    if (!withBackup)
+    if (!backup)
         panel.backupProject = QByteArray();
-    makePanel(panel);
-    makeStick();
+    makeStick(panel, {}, opxbackup ? 1024 : 1025);
     const QString backupDir = m_stick->path() + QStringLiteral("/opxbackup");
-    QVERIFY(withBackup || QDir(backupDir).removeRecursively());
-    useScreen(deviceWidth);
+    QVERIFY(opxbackup || QDir(backupDir).removeRecursively());
+    // The panel writes to the stick the package runs from.
+    qputenv("KAVO_UDISK_ROOT", QFile::encodeName(m_stick->path()));
 
     UDiskUpWin window(QStringLiteral("0007"));
-
-    QCOMPARE(window.windowTitle(), QStringLiteral("kavoOpx U盘综合功能包"));
-    const auto* download = window.findChild<QPushButton*>(QStringLiteral("btnProUpToNew"));
-    const auto* upload = window.findChild<QPushButton*>(QStringLiteral("btnUpToUdisk"));
-    QCOMPARE(download->text(), QStringLiteral("用户工程下载"));
-    QCOMPARE(upload->text(), QStringLiteral("上传工程到U盘"));
-    QVERIFY(download->isEnabled());
-    QCOMPARE(upload->isEnabled(), withBackup);
-    QCOMPARE(window.size(), size);
-    QCOMPARE(window.pos(), centred(window));
-    QCOMPARE(window.panelDir(), m_panel->path(QStringLiteral("/usr/kavo_app/project")));
-    QCOMPARE(QDir::currentPath(), withBackup ? backupDir : m_stick->path());
-}
-
-void tst_frontend::uploadOverDisabledWindow()
-{
-    makePanel();
-    makeStick();
-    // A stick that has never taken an upload; the panel writes to it as to
-    // the stick the package runs from.
-    const QString backupDir = m_stick->path() + QStringLiteral("/opxbackup");
-    QVERIFY(QDir(backupDir).removeRecursively());
-    qputenv("KAVO_UDISK_ROOT", QFile::encodeName(m_stick->path()));
-    const auto unset = qScopeGuard([] { qunsetenv("KAVO_UDISK_ROOT"); });
-    UDiskUpWin window(QStringLiteral("0000"));
     window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&window));
-
-    window.findChild<QPushButton*>(QStringLiteral("btnUpToUdisk"))->click();
-
-    // The upload shows over the main window, which takes no input meanwhile.
-    QVERIFY(!window.isEnabled());
-    const QList<zeltUpDlg*> uploads = window.findChildren<zeltUpDlg*>();
-    QCOMPARE(uploads.size(), 1);
-    zeltUpDlg* upload = uploads.first();
-    QVERIFY(upload->isVisible());
-    QVERIFY(!upload->isModal());
-
-    // The backup directory is made for the upload, which lands in it.
-    upload->findChild<QPushButton*>(QStringLiteral("startup_bt"))->click();
-    QCOMPARE(testenv::paneLines(*upload).last(), msg(2098).arg(upload->targetName()));
-    QCOMPARE(QDir(backupDir).entryList(QDir::Files | QDir::Hidden), QStringList{upload->targetName()});
-    QCOMPARE(QDir::currentPath(), backupDir);
-
-    // Escape closes through the dialog's own rules and gives the window back.
-    QTest::keyClick(upload, Qt::Key_Escape);
-    QVERIFY(!upload->isVisible());
-    QVERIFY(window.isEnabled());
+    QCOMPARE(textsOf(window, {"btnProUpToNew", "btnUpToUdisk"})
+                 << testenv::enabledButtons(window, {"btnProUpToNew", "btnUpToUdisk"}) << QDir::currentPath(),
+             QStringList({"kavoOpx U盘综合功能包", "用户工程下载", "上传工程到U盘", backup ? "11" : "10",
+                          opxbackup ? backupDir : m_stick->path()}));
+    QCOMPARE(window.size(), opxbackup ? QSize(432, 180) : QSize(550, 180));
+    QCOMPARE(window.panelDir(), m_panel->path(QStringLiteral("/usr/kavo_app/project")));
+    // The upload shows over the main window, which takes no input meanwhile,
+    // and lands in the backup directory; Escape gives the window back.
+    if (backup)
+        child<QPushButton>(window, "btnUpToUdisk")->click();
+    for (zeltUpDlg* upload : window.findChildren<zeltUpDlg*>()) {
+        QVERIFY(upload->isVisible() && !upload->isModal() && !window.isEnabled());
+        child<QPushButton>(*upload, "startup_bt")->click();
+        QCOMPARE(testenv::paneLines(*upload).last(), msg(2098).arg(upload->targetName()));
+        QCOMPARE(QDir(backupDir).entryList(QDir::Files) << QDir::currentPath(), QStringList({upload->targetName(), backupDir}));
+        QTest::keyClick(upload, Qt::Key_Escape);
+        QVERIFY(!upload->isVisible() && window.isEnabled());
+    }
+    QCOMPARE(window.findChildren<zeltUpDlg*>().size(), backup ? 1 : 0);
     window.close();
 }
 
-void tst_frontend::noteFromPackage_data()
+void tst_frontend::password_data()
 {
-    QTest::addColumn<QStringList>("names");
-    QTest::addColumn<QStringList>("ids");
-    QTest::addColumn<QString>("lanId");
-    QTest::addColumn<int>("entry");
-    QTest::addColumn<int>("deviceWidth");
-    QTest::addColumn<QSize>("size");
-    QTest::newRow("three languages, the second in use, large screen")
-        << QStringList{"中文", "English", "Deutsch"} << QStringList{"0000", "0001", "0002"} << "0001" << 1 << 1025
-        << QSize(550, 220);
-    QTest::newRow("more names than ids, language not listed, small screen")
-        << QStringList{"中文", "English"} << QStringList{"0000"} << "0042" << 0 << 1024 << QSize(397, 173);
+    QTest::addColumn<QByteArray>("license"); // the stored digest; null: no configuration file
+    QTest::addColumn<QString>("lock");       // "held" 300 ms by the settings program, or "broken"
+    QTest::addColumn<QString>("start");      // in the line edit, the cursor at "|" (else at the end)
+    QTest::addColumn<int>("selection");      // from the cursor on
+    QTest::addColumn<QString>("keys");       // pressed; "~": the settings program removes the password
+    QTest::addColumn<QString>("typed");      // in the line edit afterwards; "": empty
+    QTest::addColumn<QList<int>>("boxes");   // the messages of the boxes shown
+    QTest::addColumn<bool>("opens");
+
+    const QByteArray ab1 = md5Hex("AB1"), abLower = md5Hex("ab1");
+    const QList<int> none;
+    // Without a password any key opens; so does one that cannot be read under the lock.
+    QTest::newRow("no configuration file") << QByteArray() << "" << "" << 0 << "Z" << "" << none << true;
+    QTest::newRow("empty license") << QByteArray("") << "" << "" << 0 << "Z" << "" << none << true;
+    QTest::newRow("lock file not creatable") << ab1 << "broken" << "" << 0 << "Z" << "" << none << true;
+    QTest::newRow("waits for the lock") << ab1 << "held" << "" << 0 << "A B 1" << "" << none << true;
+    QTest::newRow("opens on the completing key") << ab1 << "" << "" << 0 << "A B 1" << "" << none << true;
+    // The settings program writes lower case only.
+    QTest::newRow("upper-case digest") << ab1.toUpper() << "" << "" << 0 << "A B 1" << "AB1" << none << false;
+    QTest::newRow("digest and a character") << ab1 + "0" << "" << "" << 0 << "A B 1" << "AB1" << none << false;
+    QTest::newRow("truncated digest") << ab1.left(31) << "" << "" << 0 << "A B 1" << "AB1" << none << false;
+    QTest::newRow("Cap twice") << abLower << "" << "" << 0 << "Cap Cap A B 1" << "AB1" << none << false;
+    QTest::newRow("Cap types lower case") << abLower << "" << "" << 0 << "Cap A B" << "ab" << none << false;
+    QTest::newRow("Cap, lower-case password") << abLower << "" << "" << 0 << "Cap A B 1" << "" << none << true;
+    // Del removes a selection only, never the character after the cursor.
+    QTest::newRow("Del without a selection") << ab1 << "" << "ZY|XW" << 0 << "Del Q" << "ZYQXW" << none << false;
+    QTest::newRow("Del, selection forwards") << ab1 << "" << "Z|YXW" << 2 << "Del Q" << "ZQW" << none << false;
+    QTest::newRow("Del, selection backwards") << ab1 << "" << "ZYX|W" << -2 << "Del Q" << "ZQW" << none << false;
+    QTest::newRow("Back inside") << ab1 << "" << "ZY|XW" << 0 << "Back Q" << "ZQXW" << none << false;
+    QTest::newRow("Back at position 0") << ab1 << "" << "|ZYXW" << 0 << "Back Q" << "QZYXW" << none << false;
+    // Nothing is cut: each key brings the box until the text is short enough.
+    // A right password opens on its last key, so Confirm always reports a wrong one.
+    QTest::newRow("too long, then Confirm") << ab1 << "" << QString(20, 'Z') << 0 << "Z Z Back Back Confirm" << ""
+                                            << QList<int>{1012, 1012, 1012, 1013} << false;
+    QTest::newRow("20 characters") << ab1 << "" << QString(19, 'Z') << 0 << "Z" << QString(20, 'Z') << none << false;
+    // Read again on every key.
+    QTest::newRow("password removed meanwhile") << ab1 << "" << "" << 0 << "Z ~ Z" << "" << none << true;
 }
 
-void tst_frontend::noteFromPackage()
+void tst_frontend::password()
 {
-    QFETCH(QStringList, names);
-    QFETCH(QStringList, ids);
-    QFETCH(QString, lanId);
-    QFETCH(int, entry);
-    QFETCH(int, deviceWidth);
-    QFETCH(QSize, size);
-    makePanel();
-    kit::PackageSpec package;
-    package.version = QStringLiteral("V2.3.4.5");
-    package.languageNames = names;
-    package.languageIds = ids;
-    makeStick(package, {{"0000", kEnglishTexts}, {"0001", kEnglishTexts}});
-    useScreen(deviceWidth);
+    QFETCH(QByteArray, license);
+    QFETCH(QString, lock);
+    QFETCH(QString, start);
+    QFETCH(int, selection);
+    QFETCH(QString, keys);
+    QFETCH(QString, typed);
+    QFETCH(QList<int>, boxes);
+    QFETCH(bool, opens);
 
-    dlgUpNote note(appDir(), lanId);
+    QVERIFY(license.isNull() || testenv::writeFile(m_panel->path(kConfig), "[SECURITY]\nlicense=" + license + '\n'));
+    if (lock == QLatin1String("broken"))
+        QVERIFY(QDir(m_panel->path("/tmp")).removeRecursively() && testenv::writeFile(m_panel->path("/tmp"), "x"));
+    QProcess settingsProgram;
+    if (lock == QLatin1String("held")) {
+        settingsProgram.start("flock", {m_panel->path("/tmp/kavo_app_conf.lck"), "-c", "echo locked; sleep 0.3"});
+        QVERIFY(settingsProgram.waitForReadyRead(5000));
+    }
+    PwdEntryDialog dialog(nullptr, tagged);
+    dialog.show();
+    auto* edit = child<QLineEdit>(dialog, "lineEditPwd");
+    QCOMPARE(textsOf(dialog, {"label", "keyBtnConfirm"}), QStringList({"#1011", "#1014", "#1003"}));
+    QCOMPARE(edit->echoMode(), QLineEdit::Password);
+    const int cursor = start.indexOf(QLatin1Char('|'));
+    edit->setText(QString(start).remove(QLatin1Char('|')));
+    if (cursor >= 0)
+        edit->setSelection(cursor, selection);
+    QSignalSpy allowed(&dialog, &PwdEntryDialog::allowedAccess);
+    testenv::BoxAnswerer answerer;
+    QElapsedTimer clock;
+    clock.start();
+    for (const QString& key : keys.split(QLatin1Char(' '))) {
+        if (key == QLatin1String("~"))
+            QVERIFY(QFile::remove(m_panel->path(kConfig)));
+        else
+            QTest::mouseClick(child<QPushButton>(dialog, qPrintable("keyBtn" + key)), Qt::LeftButton);
+    }
 
-    QCOMPARE(note.windowTitle(), QStringLiteral("kavoOpx U盘综合功能包 V2.3.4.5"));
-    QCOMPARE(note.findChild<QLabel*>(QStringLiteral("upNoteLbl"))->text(),
-             QStringLiteral("<html><head/><body><p align='center' style='margin:3px'>"
-                            "您正在使用 kavoOpx U盘综合功能包 V2.3.4.5，</span></p><p align='center' "
-                            "style='margin:3px'> 点击“是”返回到系统设置界面并启动综合功能包，点击“否”退出!"
-                            "</span></p></body></html>"));
-    // Selecting the entry in use happens before the note is initialised: the
-    // language loaded at start-up (here the built-in one) stays.
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnOk")), QStringLiteral("是"));
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnCancel")), QStringLiteral("否"));
-    QCOMPARE(note.languageIds(), ids);
-    QCOMPARE(note.lanId(), lanId);
-    auto* combo = note.findChild<QComboBox*>(QStringLiteral("comboBox"));
-    QStringList items;
-    for (int i = 0; i < combo->count(); ++i)
-        items << combo->itemText(i);
-    QCOMPARE(items, names);
-    QCOMPARE(combo->currentIndex(), entry);
-    QCOMPARE(note.size(), size);
-    QCOMPARE(note.pos(), centred(note));
-    // The clear copy of the scrambled description does not outlive the reading.
-    QVERIFY(!QFile::exists(appDir() + QStringLiteral("/config/proUpdateTmp.ini")));
-    QVERIFY(QFile::exists(appDir() + QStringLiteral("/config/proUpdate.ini")));
+    // The reader waits for the lock, and releases it again.
+    QVERIFY(lock != QLatin1String("held") || (clock.elapsed() >= 250 && settingsProgram.waitForFinished()
+                                              && settingsProgram.exitCode() == 0));
+    QStringList wanted;
+    for (int id : boxes)
+        wanted << QStringLiteral("#1001|#%1|#1003").arg(id);
+    QCOMPARE(testenv::boxTexts(answerer.seen()), wanted);
+    for (const testenv::SeenBox& box : answerer.seen())
+        QVERIFY(box.icon == QMessageBox::Information && box.parent == &dialog);
+    QCOMPARE(QVariantList({edit->text(), allowed.count(), dialog.isAccessAllowed(), dialog.isVisible()}),
+             QVariantList({typed, opens ? 1 : 0, opens, !opens}));
+    // Closing forgets what was typed.
+    dialog.close();
+    QVERIFY(edit->text().isEmpty());
 }
 
-void tst_frontend::noteLanguageChange_data()
+void tst_frontend::runtimeStop_data()
 {
-    QTest::addColumn<QStringList>("ids");
-    QTest::addColumn<int>("toolLanguage");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<QString>("lanId");
-    QTest::addColumn<QString>("yes"); // "Yes": the English file was loaded
+    QTest::addColumn<QString>("runtime");     // its script; empty: no pid file
+    QTest::addColumn<bool>("refuse");         // the process service refuses stop requests; texts from a table
+    QTest::addColumn<QStringList>("presses"); // on each wait dialog in turn
+    QTest::addColumn<int>("fromMs");          // when the first dialog shows, else when the stop returns
+    QTest::addColumn<int>("toMs");
+    QTest::addColumn<QString>("end");         // of the runtime: "running", "requested" (by SIGTERM), "other"
 
-    const QStringList threeIds{"0000", "0001", "0002"};
-    QTest::newRow("language with its file") << threeIds << 0 << 1 << "0001" << "Yes";
-    QTest::newRow("missing file, tool language has one") << threeIds << 1 << 2 << "0002" << "Yes";
-    QTest::newRow("missing file, tool language has none either") << threeIds << 3 << 2 << "0002" << "是";
-    QTest::newRow("entry beyond the id list") << QStringList{"0000", "0001"} << 1 << 2 << "0000" << "是";
+    const QString obedient = QStringLiteral("echo ready; exec sleep 60");
+    const QStringList none;
+    // Already stopped: a needless request, refused, would bring up the dialog.
+    QTest::newRow("no pid file") << QString() << false << none << 0 << 1000 << "other";
+    QTest::newRow("pid of a finished process, stop refused") << "echo ready" << true << none << 0 << 1000 << "other";
+    QTest::newRow("stops on request") << obedient << false << none << 100 << 3000 << "requested";
+    QTest::newRow("stops after three seconds") << "trap '' TERM; echo ready; sleep 3" << false << none << 2500 << 6000
+                                               << "other";
+    // Ten seconds of silent waiting before the operator is asked.
+    QTest::newRow("never stops, forced") << "trap '' TERM; echo ready; while :; do sleep 1; done" << false
+                                         << QStringList{"force"} << 9900 << 16000 << "running";
+    // A refused request brings the dialog up at once; it sees the runtime end within 100 ms.
+    QTest::newRow("refused, the runtime ends meanwhile") << obedient << true << QStringList{"kill"} << 0 << 2000
+                                                         << "other";
+    QTest::newRow("refused, closed, then the request goes through")
+        << obedient << true << QStringList{"close"} << 0 << 2000 << "requested";
+    // A failed reboot is explained; the operator may still force or wait.
+    QTest::newRow("refused, reboot fails, forced") << obedient << true << QStringList{"reboot, force"} << 0 << 2000
+                                                   << "running";
+    QTest::newRow("refused, Escape, refused again: the dialog comes back")
+        << obedient << true << QStringList{"Escape", "force"} << 0 << 2000 << "running";
 }
 
-void tst_frontend::noteLanguageChange()
+void tst_frontend::runtimeStop()
 {
-    QFETCH(QStringList, ids);
-    QFETCH(int, toolLanguage);
-    QFETCH(int, index);
-    QFETCH(QString, lanId);
-    QFETCH(QString, yes);
-    makePanel();
-    kit::PackageSpec package;
-    package.languageNames = QStringList{"中文", "English", "Français"};
-    package.languageIds = ids;
-    package.toolLanguage = toolLanguage;
-    makeStick(package, {{"0001", kEnglishTexts}});
-    dlgUpNote note(appDir(), QStringLiteral("0000"));
-    // A table other than any the change could load shows whether one was
-    // loaded at all.
-    const QString other = m_stick->path() + QStringLiteral("/other.lan");
-    QVERIFY(testenv::writeFile(other, "[1004]\nstring = other\n"));
-    QVERIFY(MultilingualManager::GetInstance()->loadMultilingualFile(QString(), other));
+    QFETCH(QString, runtime);
+    QFETCH(bool, refuse);
+    QFETCH(QStringList, presses);
+    QFETCH(int, fromMs);
+    QFETCH(int, toMs);
+    QFETCH(QString, end);
 
-    note.findChild<QComboBox*>(QStringLiteral("comboBox"))->setCurrentIndex(index);
-
-    const bool english = yes == QLatin1String("Yes");
-    QCOMPARE(note.lanId(), lanId);
-    QCOMPARE(note.windowTitle(), (english ? QStringLiteral("USB package") : QStringLiteral("kavoOpx U盘综合功能包"))
-                                     + QStringLiteral(" V1.0.0.0"));
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnOk")), yes);
-    QCOMPARE(buttonText(note, QStringLiteral("upBtnCancel")), english ? QStringLiteral("No") : QStringLiteral("否"));
-    const bool loaded = index < ids.size();
-    QCOMPARE(msg(1004), loaded ? yes : QStringLiteral("other"));
-}
-
-void tst_frontend::noteAnswers_data()
-{
-    QTest::addColumn<bool>("withPassword");
-    QTest::addColumn<QString>("button");
-    QTest::addColumn<QStringList>("keys"); // pressed on the password dialog; none: it is closed
-    QTest::addColumn<QStringList>("modals");
-    // Without a configuration on the panel no password is asked.
-    QTest::newRow("no configuration, Yes: no password dialog")
-        << false << "upBtnOk" << QStringList() << QStringList{"UDiskUpWin"};
-    QTest::newRow("No: nothing opens") << false << "upBtnCancel" << QStringList() << QStringList();
-    QTest::newRow("Yes, right password") << true << "upBtnOk" << QStringList{"keyBtnA", "keyBtn1", "keyBtnB"}
-                                         << QStringList{"PwdEntryDialog", "UDiskUpWin"};
-    QTest::newRow("Yes, password dialog closed")
-        << true << "upBtnOk" << QStringList() << QStringList{"PwdEntryDialog"};
-}
-
-void tst_frontend::noteAnswers()
-{
-    QFETCH(bool, withPassword);
-    QFETCH(QString, button);
-    QFETCH(QStringList, keys);
-    QFETCH(QStringList, modals);
-    kit::PanelSpec panel;
-    if (withPassword)
-        panel.passwordDigest = QString::fromLatin1(QCryptographicHash::hash("A1B", QCryptographicHash::Md5).toHex());
-    makePanel(panel);
-    makeStick();
-    dlgUpNote note(appDir(), QStringLiteral("0003"));
-    note.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&note));
-
-    QStringList seen;
-    bool noteHidden = true;
-    QString mainWindowLanguage;
-    ModalWatcher watcher([&](QWidget* modal) {
-        seen << QString::fromLatin1(modal->metaObject()->className());
-        noteHidden = noteHidden && !note.isVisible();
-        if (auto* window = qobject_cast<UDiskUpWin*>(modal))
-            mainWindowLanguage = window->lanId();
-        QTimer::singleShot(50, modal, [modal, keys] {
-            if (qobject_cast<PwdEntryDialog*>(modal) != nullptr && !keys.isEmpty()) {
-                for (const QString& key : keys)
-                    modal->findChild<QPushButton*>(key)->click();
-            } else {
-                modal->close();
+    // Built by hand, the dialog shows its own prompt and waits for the stopped state only.
+    const app_exit_failed_dlg own(nullptr, tagged);
+    QCOMPARE(textsOf(own, {"label", "label_2"}) << QString::number(own.pollMode()),
+             QStringList({"#1000", "#1015", "#1016", "1"}));
+    // The runtime says "ready" once a stop request can no longer overtake its set-up.
+    m_runtime.start(QStringLiteral("sh"), {QStringLiteral("-c"), runtime});
+    QVERIFY(runtime.isEmpty()
+            || (m_runtime.waitForReadyRead(5000) && m_runtime.readLine() == "ready\n"
+                && testenv::writeFile(m_panel->path("/var/run/kavo_app.pid"), QByteArray::number(m_runtime.processId()) + '\n')));
+    QVERIFY(runtime != QLatin1String("echo ready") || m_runtime.waitForFinished(5000));
+    if (refuse)
+        qputenv("KAVO_SIM_REFUSE_STOP", "1");
+    qputenv("KAVO_SIM_REBOOT_ERRNO", "1");
+    testenv::BoxAnswerer boxes;
+    kavo_process::setMulLanguage(refuse ? tagged : nullptr);
+    QWidget owner;
+    QElapsedTimer clock;
+    clock.start();
+    QList<qint64> shownAt;
+    testenv::ShowWatcher watcher([&](QWidget* widget) {
+        auto* dialog = qobject_cast<app_exit_failed_dlg*>(widget);
+        if (dialog == nullptr)
+            return;
+        const QString press = presses.value(shownAt.size());
+        shownAt << clock.elapsed();
+        QCOMPARE(textsOf(*dialog, {"label", "label_2", "forceExecBtn", "rebootBtn"}),
+                 refuse ? QStringList({"#1000", "#1008", "#1016", "#1017", "#1018"})
+                        : QStringList({"警告", "正在退出到系统设置界面，请稍候...", "若长时间无退出可强制执行或继续等待",
+                                       "强制执行", "重启OPX"}));
+        QVERIFY(!dialog->pollMode() && dialog->parentWidget() == &owner);
+        QTimer::singleShot(0, dialog, [this, dialog, press] {
+            if (press.startsWith(QLatin1String("reboot"))) {
+                child<QPushButton>(*dialog, "rebootBtn")->click();
+                QVERIFY(dialog->isVisible() && dialog->retry());
+            }
+            if (press.endsWith(QLatin1String("force")))
+                child<QPushButton>(*dialog, "forceExecBtn")->click();
+            else if (press == QLatin1String("kill"))
+                QTimer::singleShot(1250, &m_runtime, [this] { m_runtime.kill(); });
+            else if (press == QLatin1String("Escape"))
+                QTest::keyClick(dialog, Qt::Key_Escape);
+            else if (press == QLatin1String("close")) {
+                qunsetenv("KAVO_SIM_REFUSE_STOP");
+                dialog->close();
             }
         });
     });
-    auto* pressed = note.findChild<QPushButton*>(button);
-    pressed->click();
-    QTest::qWait(100);
+    QVERIFY(kavo_process::backToDovik(7, &owner));
 
-    QCOMPARE(seen, modals);
-    QVERIFY(noteHidden);
-    QVERIFY(!note.isVisible());
-    if (modals.contains(QStringLiteral("UDiskUpWin"))) {
-        QCOMPARE(mainWindowLanguage, QStringLiteral("0003"));
-        // "Yes" works once.
-        note.show();
-        pressed->click();
-        QTest::qWait(100);
-        QCOMPARE(seen, modals);
-        note.close();
-    }
+    QCOMPARE(shownAt.size(), presses.size());
+    QCOMPARE(testenv::boxTexts(boxes.seen()), presses.contains(QStringLiteral("reboot, force"))
+                                                  ? QStringList{"#1000|#1010 Operation not permitted|#1003"}
+                                                  : QStringList());
+    QVERIFY(!QFile::exists(m_panel->path(QStringLiteral("/var/run/reboot-requested"))));
+    const qint64 at = shownAt.isEmpty() ? clock.elapsed() : shownAt.first(), open = clock.elapsed() - at;
+    QVERIFY2(at >= fromMs && at <= toMs, qPrintable(QString::number(at)));
+    QVERIFY2(presses != QStringList{"kill"} || (open >= 1250 && open <= 1800), qPrintable(QString::number(open)));
+    QVERIFY(end == QLatin1String("running") || m_runtime.state() == QProcess::NotRunning || m_runtime.waitForFinished(5000));
+    // Only a stop request ends the runtime by SIGTERM.
+    QCOMPARE(QStringList({m_runtime.state() == QProcess::Running ? "running" : "stopped",
+                          m_runtime.exitStatus() == QProcess::CrashExit && m_runtime.exitCode() == SIGTERM ? "by SIGTERM"
+                                                                                                           : "otherwise"}),
+             QStringList({end == QLatin1String("running") ? "running" : "stopped",
+                          end == QLatin1String("requested") ? "by SIGTERM" : "otherwise"}));
 }
 
 QTEST_MAIN(tst_frontend)

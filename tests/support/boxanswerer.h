@@ -32,6 +32,15 @@ struct SeenBox
     int fontPixelSize = 0;
 };
 
+// Each box as "title|text|captions joined by /".
+inline QStringList boxTexts(const QList<SeenBox>& boxes)
+{
+    QStringList texts;
+    for (const SeenBox& box : boxes)
+        texts << box.title + QLatin1Char('|') + box.text + QLatin1Char('|') + box.buttons.join(QLatin1Char('/'));
+    return texts;
+}
+
 // While it lives, answers each modal QMessageBox that opens with the next of
 // `answers`, and with `otherwise` once they are used up. An answer the box has
 // no button for, or NoButton, rejects the box as the Escape key or the title
