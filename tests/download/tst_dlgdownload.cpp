@@ -1,6 +1,4 @@
-// The download dialog: which stick directories it offers, and one table of
-// states and presses (touch, buttons, close rules, countdown, reboot and
-// quit). The sequence behind it is tst_sequence's and tst_download_e2e's.
+// The download dialog: the projects it offers, and its states and presses.
 #include "download/dlgdownload.h"
 #include "download/list_view.h"
 #include "frame/screensetting.h"
@@ -29,8 +27,7 @@ WinBackground* background()
     return found == widgets.end() ? nullptr : static_cast<WinBackground*>(*found);
 }
 
-// Touches the second project: the release selects it before the click
-// arrives, and the new choice undoes the quit button of an earlier failure.
+// The release selects the second project before the click; it undoes a failure's quit button.
 void touchSecond(dlgDownLoad& dialog)
 {
     auto* list = child<list_view>(dialog, "listView");
@@ -101,8 +98,7 @@ void TestDlgDownload::projectList_data()
     QTest::addColumn<QStringList>("expected");
     QTest::newRow("no project") << QStringList{"e/", "o/v5/readme.txt", "context.dat", "U/Context.dat", "q/context.dat/"}
                                 << QStringList();
-    // The v5 tree decides when there is one, and a variant tree hides the top;
-    // the newest first, the package's own directory never.
+    // The v5 tree decides, a variant tree hides the top; newest first, never the package's.
     QTest::newRow("projects") << QStringList{"a/v7/context.dat", "b/v5/context.dat", "b/v7/", "c/v5/", "c/v7/context.dat",
                                              "d/context.dat", "d/v7/", "e/context.dat", "opxupdateu/context.dat",
                                              "a=1500000000", "b=1700000000", "e=1600000000", "opxupdateu=1800000000"}
@@ -138,11 +134,7 @@ void TestDlgDownload::projectList()
 
 void TestDlgDownload::presses_data()
 {
-    // Steps on a shown dialog: "running" (the sequence's button states),
-    // "stop", "failure" (its report), "state N" (the run state), "resume"
-    // (resume mode), "close", "escape", "tick N" (N countdown ticks), "quit"
-    // (the restart button relabelled to quit, pressed), "restart" pressed,
-    // "touch" (the second of two projects, after a failure's quit button).
+    // Steps: running, stop, failure, state N, resume, close, escape, tick N, quit, restart, touch.
     QTest::addColumn<QStringList>("steps");
     QTest::addColumn<QString>("buttons");  // start stop restart, as 0/1
     QTest::addColumn<QStringList>("pane"); // the text pane's last lines

@@ -1,12 +1,5 @@
-// The rules of the download's checks that a whole download cannot pin: the
-// boundaries of its arithmetic (disk space to the byte, version parsing),
-// the order in which the platform file is looked for, the "$" destinations,
-// and sizes beyond 32 bits. Everything else is a scenario of tst_download_e2e
-// or tst_sequence.
-//
-// The disk space boundaries need file systems whose free space nothing else
-// changes: small tmpfs file systems over the panel's directories, mounted in a
-// mount namespace of this process only.
+// What a whole download cannot pin: disk space to the byte (tmpfs file systems
+// in a private mount namespace), version parsing, the platform file's order, "$".
 #include "log/clogger.h"
 #include "recordingdownload.h"
 #include "testenv.h"
@@ -21,7 +14,6 @@
 
 namespace {
 
-// What a tree walk adds up for `path`: the st_size of it and of every entry below.
 qint64 treeSize(const QString& path)
 {
     qint64 total = QFileInfo(path).size();
@@ -59,7 +51,6 @@ private slots:
     void formatVersion();
     void destination_data();
     void destination();
-    void sizeOf4GiBNeverMatches();
     void corners();
     void projectArea_data();
     void projectArea();
@@ -103,8 +94,7 @@ void tst_DownloadChecks::cleanup()
 
 void tst_DownloadChecks::platformFile_data()
 {
-    // Made in the panel's /lib after libc.so.6 was removed: "f:" a file, "d:" a
-    // directory, "l:NAME>TARGET" a link; the panel-side path found, or "".
+    // In /lib without libc.so.6: "f:" file, "d:" directory, "l:NAME>TARGET" link.
     QTest::addColumn<QStringList>("entries");
     QTest::addColumn<QString>("expected");
     QTest::newRow("libc.so.6 links to a file") << QStringList{"f:libc-2.23.so", "l:libc.so.6>libc-2.23.so"}
@@ -195,19 +185,6 @@ void tst_DownloadChecks::destination()
     QCOMPARE(m_download->m_fileList.value(0).desPath, expected.startsWith('/') ? m_panel->path(expected) : expected);
 }
 
-void tst_DownloadChecks::sizeOf4GiBNeverMatches()
-{
-    QFile big("proj/big.bin");
-    QVERIFY(QDir().mkpath("proj") && big.open(QIODevice::WriteOnly));
-    if (!big.resize((Q_INT64_C(1) << 32) + 3))
-        QSKIP("the file system holding the stick cannot hold a sparse 4 GiB file");
-    big.close();
-    // The listed size is the real one modulo 4 GiB; no checksum, so the size decides.
-    m_download->m_fileList << FILE_INFO{"big.bin", QString(), 3, QString(), "./proj/"};
-    QVERIFY(!m_download->checkFileCRC(BEFORE_DOWNLOAD));
-    QCOMPARE(m_download->events, QStringList{"text: " + msg(2019)});
-}
-
 // What no download reaches: a stop before each step, places that are gone, a
 // file that is its own destination, a report that cannot be opened.
 void tst_DownloadChecks::corners()
@@ -293,8 +270,7 @@ void tst_DownloadChecks::projectArea()
 
 void tst_DownloadChecks::userFileArea_data()
 {
-    // The clear flag, need - (free - 2 MiB [+ used when clearing]); clearing
-    // happens only when it makes room.
+    // need - (free - 2 MiB [+ used when clearing]).
     QTest::addColumn<bool>("clear");
     QTest::addColumn<qint64>("shift");
     QTest::addColumn<bool>("result");

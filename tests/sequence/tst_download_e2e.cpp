@@ -1,6 +1,4 @@
-// The whole download through the executable in direct mode ("-s NAME" "-p DIR"):
-// one table of packages and panels, each with the exact result report it must
-// leave and the panel's files afterwards.
+// The whole download through the executable in direct mode: report and panel afterwards.
 #include "testenv.h"
 
 #include "text/multilingualmanager.h"
@@ -33,19 +31,14 @@ struct Scenario
     kit::ProjectSpec project;
     QStringList env;          // extra environment of the run
     QStringList mount;        // tmpfs options and the panel path it is mounted over
-    // Written before the run: "stick/..." on the stick, else on the panel; a
-    // null text removes the entry, a path ending in "/" is made a directory.
-    Tree edits;
+    Tree edits; // "stick/..." or panel; null removes, "/" makes a directory, "link:", "copy:"
     bool pullStick = false;   // the project leaves the stick once the copy starts
     bool otherCopy = false;   // another copy of the package runs: it is stopped
     QStringList lines;        // the report after its marker, the success line last on success
-    // The panel afterwards against before: a text is put there, a null text
-    // removes the entry, and "DIR/*" removes everything below DIR.
-    Tree changes;
+    Tree changes; // against before: text put, null removed, "DIR/*" emptied
     QStringList untouched;    // panel files that keep their inode and time stamp
     int exitCode = 0;
-    // The arguments after "-s proj" and the report; "${OUT}" is a fresh directory
-    // where an earlier, longer report is, "${EXE}" the executable's.
+    // After "-s proj"; ${OUT} holds an earlier, longer report, ${EXE} the executable's directory.
     QStringList args = {"-p ${OUT}"};
     QString report = "${OUT}/pro_update_result.log";
     bool rebootWorks = false; // else a successful download's reboot fails, so the run ends as a process does
@@ -98,9 +91,7 @@ QStringList downloaded(const QList<int>& ids)
     return texts(ids) << msg(2059) + QLatin1Char('\n');
 }
 
-// The project area holding exactly the project's files for it, and with
-// `everywhere` every file at its absolute destination ("DownLoadFile" and the
-// character after it cut from its name).
+// The project area holding exactly its files ("everywhere": every absolute destination).
 Tree replaced(const kit::ProjectSpec& project, bool everywhere = false)
 {
     Tree changes{{QStringLiteral("usr/kavo_app/project/*"), QByteArray()}};
@@ -203,9 +194,6 @@ void tst_download_e2e::download_data()
     QTest::addColumn<Scenario>("scenario");
     using kit::PackageFile;
 
-    // $ destinations, user files, fonts kept, replaced and removed, a link out
-    // of the old project, checksums in lower case, two data areas of which one
-    // cannot be cleared.
     row("v7 variant, $ destinations, fonts, recipe not cleared",
         downloaded(kToDisk + kToCopy + kCopied + QList<int>{2069, 2071, 2072, 2073}), [](Scenario& s) {
             s.project.variant = "v7";
@@ -257,9 +245,7 @@ void tst_download_e2e::download_data()
             s.project.cpuCore = QString::number(get_nprocs());
             s.changes.insert({{"data/alarm/alarm.dat", {}}, {"data/initvalue/init.dat", {}}});
         });
-    // The runtime copy beside the project is not offered in direct mode. Files
-    // of many blocks and of none; "DownLoadFile" and the character after it
-    // are cut from a name whatever that character is.
+    // No runtime copy offered in direct mode; "DownLoadFile" plus any one character is cut.
     row("no variant directory, user area cleared", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
         [](Scenario& s) {
             s.project.withRuntime = true;
@@ -270,10 +256,7 @@ void tst_download_e2e::download_data()
                             << PackageFile{"DownLoadFileX.dat", "odd\n", "/data/userfile"};
             s.changes.insert("data/userfile/*", {});
         });
-    // Cleared and not refilled, the user file area is still there. A checksum
-    // with leading zeros is written without them; an empty one leaves the size
-    // to decide. The installed runtime is sound: logger.ini may differ, its
-    // version's first word names the list, no text of it runs as a command.
+    // CRC without leading zeros or empty; logger.ini may differ; no version text runs.
     row("user area cleared, no user files, checksums", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
         [](Scenario& s) {
             s.project.clearUserDir = true;
@@ -311,8 +294,7 @@ void tst_download_e2e::download_data()
         s.project.files << PackageFile{"lead.bin", kZeroLed, kProjectArea};
         s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("CRC=E859", "CRC=0000E859"));
     });
-    row("package file missing", packageFailure(2018),
-        [](Scenario& s) { s.edits.insert("stick/proj/project.bin", {}); });
+    row("package file missing", packageFailure(2018), [](Scenario& s) { s.edits.insert("stick/proj/project.bin", {}); });
     row("package file changed, same size", packageFailure(2019),
         [](Scenario& s) { s.edits.insert("stick/proj/project.bin", "THE NEW PROJECT\n"); });
     row("package file of another size", packageFailure(2019),
@@ -329,16 +311,14 @@ void tst_download_e2e::download_data()
         s.project.diskCapacity = "1";
         s.edits.insert("data", {});
     });
-    // Numbers read as the panel's 32-bit strtol reads them: digits up to the
-    // first other character, stopping at the limits.
+    // Numbers read as a 32-bit strtol reads them.
     row("hardware: disk too small, saturated", hardware(-1), [](Scenario& s) { s.project.diskCapacity = "99999999999999"; });
     row("hardware: disk too small, with a unit", hardware(-1), [](Scenario& s) { s.project.diskCapacity = "99999999MB"; });
     row("hardware: one MiB more than the data partition", hardware(-1),
         [](Scenario& s) { s.project.diskCapacity = QString::number(dataMiB() + 1); });
     row("hardware: one core more than there are", hardware(-3),
         [](Scenario& s) { s.project.cpuCore = QString::number(get_nprocs() + 1); });
-    row("hardware: platform not listed", hardware(-2),
-        [](Scenario& s) { s.project.hardwarePlatforms = QStringList{"5", "7"}; });
+    row("hardware: platform not listed", hardware(-2), [](Scenario& s) { s.project.hardwarePlatforms = QStringList{"5", "7"}; });
     row("hardware: too few cores", hardware(-3), [](Scenario& s) { s.project.cpuCore = "4096 cores"; });
     // Its series asks for four cores where the project names none.
     if (get_nprocs() < 4)
@@ -346,15 +326,12 @@ void tst_download_e2e::download_data()
             s.panel.runtime.product = "KavoStu";
             s.project.product = "KavoStu";
         });
-    // "platform=" names no platform, so it restricts none. The runtime is newer and accepts the project.
     row("hardware: empty platform list", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
         s.project.hardwarePlatforms = QStringList{QString()};
         s.panel.runtime.version = "7.3.0";
         s.project.setVersion = "7.2.0";
         s.project.minRunVersion = "7.5.0";
     });
-    // Only the groups the description holds are files, whatever count it names.
-    // The project is newer and runs on the runtime.
     row("description: file count far beyond its groups", downloaded(kToDisk + kToCopy + kCopied), [](Scenario& s) {
         s.panel.runtime = {"7.2.0", "7.9.0"};
         s.project.setVersion = "7.4.0";
@@ -363,8 +340,7 @@ void tst_download_e2e::download_data()
                        kit::projectIniText(s.project).replace("FILENUM=2\n", "FILENUM=2147483647\n")
                            + "[FILE03]\nNAME=a\n[FILE0]\nNAME=b\n[FILE4x]\nNAME=c\n[file5]\nNAME=d\n");
     });
-    // An unattended download never offers the runtime update.
-    // md5sum's summary line after a failure ("... did NOT match") is no "OK".
+    // md5sum's "... did NOT match" summary is no "OK".
     row("installed runtime damaged", texts(kToRuntime) << msg(2115), [](Scenario& s) {
         s.project.withRuntime = true;
         s.project.runtime.version = "7.3.0";
@@ -385,8 +361,7 @@ void tst_download_e2e::download_data()
         s.project.setVersion = QString();
     });
     row("minrunversion missing", texts(kToVersions) << msg(2036), [](Scenario& s) { s.project.minRunVersion = QString(); });
-    row("minsetversion missing", texts(kToVersions) << msg(2036),
-        [](Scenario& s) { s.panel.runtime.minSetVersion = QString(); });
+    row("minsetversion missing", texts(kToVersions) << msg(2036), [](Scenario& s) { s.panel.runtime.minSetVersion = QString(); });
     row("design environment too old",
         texts(kToVersions) << QStringLiteral("组态环境版本不匹配，请升级组态环境至7.3.0版本！"), [](Scenario& s) {
             s.panel.runtime.version = "7.3.0";
@@ -535,8 +510,6 @@ void tst_download_e2e::download()
     QCOMPARE(QString::fromUtf8(testenv::readFile(report)),
              msg(success ? 2106 : 2107) + scenario.lines.join('\n') + '\n');
 
-    // A successful download ends in the reboot after the ten-second countdown;
-    // a failed one ends the process with no reboot.
     const QByteArray rebootRecord = testenv::readFile(panel + "/var/run/reboot-requested");
     QCOMPARE(rebootRecord, rebooted ? QByteArray("reboot\n") : QByteArray());
     QCOMPARE(rebootRecord.isNull(), !rebooted);

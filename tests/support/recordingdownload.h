@@ -1,6 +1,4 @@
-// A download without a screen for the tests of its routines: it
-// records what the routines say, in order, as "text: ..." (text pane) and
-// "fail: ..." (failure report) lines.
+// A download without a screen: records "text: ...", "fail: ...", "ask: ..." in order.
 #pragma once
 
 #include "download/projectdownload.h"
