@@ -1,11 +1,16 @@
-// The platform layer on a simulated panel: relocation of panel-side paths
-// under KAVO_PANEL_ROOT, and the closed functions with their fault switches.
+// The platform layer on a simulated panel: path relocation, the closed
+// functions, and the platform-code reader on real and stand-in ARM libraries,
+// attribute encodings and damaged input (-1, never a read past the end under
+// the sanitizer).
 #include "platform/kavo_api.h"
 #include "platform/platform.h"
+#include "platform/sim/elfarch.h"
 #include "testenv.h"
+#include "tools/kit/armelf.h"
 
 #include <QProcess>
 #include <QScopeGuard>
+#include <QtEndian>
 #include <QtTest>
 
 #include <memory>
@@ -14,6 +19,47 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+
+namespace {
+
+const char kArmhfLibc[] = "/usr/arm-linux-gnueabihf/lib/libc.so.6";
+const char kArmelLibc[] = "/usr/arm-linux-gnueabi/lib/libc.so.6";
+constexpr int kShoff = 32, kShentsize = 46, kShnum = 48, kShstrndx = 50; // offsets into the ELF header
+
+QByteArray uleb(quint64 v)
+{
+    QByteArray out;
+    do
+        out.append(char((v & 0x7f) | (v > 0x7f ? 0x80 : 0)));
+    while ((v >>= 7) != 0);
+    return out;
+}
+QByteArray le32(quint32 v)
+{
+    const quint32 le = qToLittleEndian(v);
+    return QByteArray(reinterpret_cast<const char*>(&le), 4);
+}
+
+// Attribute section pieces; a scope (1 file, 2 section, 3 symbol) counts its tag.
+QByteArray text(const QByteArray& t) { return t + QByteArray(1, '\0'); }
+QByteArray tag(quint64 number, const QByteArray& value) { return uleb(number) + value; }
+QByteArray scope(quint64 s, const QByteArray& body) { return uleb(s) + le32(quint32(uleb(s).size() + 4 + body.size())) + body; }
+QByteArray vendor(const QByteArray& name, const QByteArray& body) { return le32(quint32(5 + name.size() + body.size())) + text(name) + body; }
+QByteArray fileAttributes(const QByteArray& list) { return "A" + vendor("aeabi", scope(1, list)); }
+
+// `value` at `field` of section header `section` (-1: the ELF header).
+struct Patch { int section, field, bytes; quint32 value; };
+QByteArray patched(QByteArray image, std::initializer_list<Patch> patches)
+{
+    for (const Patch& p : patches) {
+        const int at = (p.section < 0 ? 0 : qFromLittleEndian<qint32>(image.constData() + kShoff) + 40 * p.section) + p.field;
+        for (int i = 0; i < p.bytes; ++i)
+            image[at + i] = char(p.value >> (8 * i));
+    }
+    return image;
+}
+
+} // namespace
 
 class tst_Platform : public QObject
 {
@@ -25,9 +71,12 @@ private slots:
     void relativeRoot();
     void simulatedFunctions_data();
     void simulatedFunctions();
+    void elfArch_data();
+    void elfArch();
 
 private:
     QProcess m_runtime; // the runtime application's stand-in
+    QTemporaryDir m_dir;
 };
 
 void tst_Platform::panelPaths_data()
@@ -36,8 +85,7 @@ void tst_Platform::panelPaths_data()
     QTest::addColumn<QString>("path");    // "confine:" + path: confinedPanelPath
     QTest::addColumn<QString>("expected");
     const QString r = "/tmp/panel-root", ini = "/usr/kavo_app/update.ini";
-    // ".." never climbs out of a simulated panel; the refused form lies below
-    // a device file, where nothing can be created or opened.
+    // ".." never climbs out; the refused form lies below a device file.
     const QString refused = "/dev/null/outside-panel-root";
     const QByteArray rb = r.toUtf8();
     QTest::newRow("unset root") << QByteArray() << ini << ini;
@@ -73,8 +121,7 @@ void tst_Platform::panelPaths()
         QCOMPARE(platform::panelPath(path) + '|' + QString::fromStdString(platform::panelPath(path.toUtf8().constData())), expected + '|' + expected);
 }
 
-// The package changes its working directory after start: a relative root
-// keeps the place it named at its first use.
+// A relative root keeps the place it named at first use.
 void tst_Platform::relativeRoot()
 {
     QTemporaryDir first, second;
@@ -85,10 +132,8 @@ void tst_Platform::relativeRoot()
     QCOMPARE(QString::fromStdString(platform::panelPath("/usr")) + platform::panelPath(static_cast<const char*>(nullptr)).c_str(), root + "/usr");
 }
 
-// Each row makes calls, a line apart: "dirs", "create PATH", "delete PATH",
-// "delsave MASK", "stick PATH" (writes "abc" there), "pid TEXT" (the runtime's
-// pid file, then whether it runs), "stop", "reboot", "failedreboot" (errno).
-// {R} is the panel root.
+// Calls a line apart: dirs, create/delete PATH, delsave MASK, stick PATH (writes
+// "abc"), pid TEXT (then: runs?), stop, lock, reboot, failedreboot. {R}: the root.
 void tst_Platform::simulatedFunctions_data()
 {
     QTest::addColumn<QString>("calls");
@@ -110,8 +155,7 @@ void tst_Platform::simulatedFunctions_data()
     // Without KAVO_UDISK_ROOT the stick is the parent of the executable's directory.
     row("stick of the executable", "stick " + QFileInfo(QCoreApplication::applicationDirPath()).fileName() + "/b.bin", "", "0");
     row("file lock", "lock", "", "1 0 0 -1 0 0");
-    // The runtime is whatever the pid file names while that process lives; a
-    // damaged file never names init or a process group.
+    // A damaged pid file never names init or a process group.
     row("runtime by its pid file", "stop\npid {live}\npid  {live} \npid \npid {live} 1\npid -{live}\npid 1\npid 0\npid 99999999999", "", "0 0 1 1 0 0 0 0 0 0");
     row("stop refused", "pid {live}\nstop", "KAVO_SIM_REFUSE_STOP=1", "1 -1 1");
     row("stop", "pid {live}\nstop", "", "1 0 0");
@@ -195,6 +239,105 @@ void tst_Platform::simulatedFunctions()
         QVERIFY2((QFileInfo::exists(path) || QFileInfo(path).isSymLink()) != check.startsWith('!'), qPrintable(check));
         QVERIFY2(!check.contains('=') || testenv::readFile(path) == check.section('=', 1).toUtf8(), qPrintable(check));
     }
+}
+
+void tst_Platform::elfArch_data()
+{
+    QTest::addColumn<QString>("path"); // null: `image` is written to a file
+    QTest::addColumn<QByteArray>("image");
+    QTest::addColumn<int>("expected");
+    auto file = [](const char* name, const QString& path, int expected) { QTest::newRow(name) << path << QByteArray() << expected; };
+    auto image = [](const char* name, const QByteArray& data, int expected) { QTest::newRow(name) << QString() << data << expected; };
+    auto attrs = [&](const char* name, const QByteArray& section, int expected) { image(name, kit::armElfImageWithSection(section), expected); };
+    QVERIFY2(QFile::exists(kArmhfLibc) && QFile::exists(kArmelLibc), "the ARM C libraries are missing: run tools/install-deps.sh");
+    QCOMPARE(mkfifo(QFile::encodeName(m_dir.path() + "/fifo").constData(), 0600), 0);
+
+    file("armhf libc", kArmhfLibc, 10);
+    file("armel libc", kArmelLibc, 4);
+    file("x86-64 executable", "/bin/true", -1);
+    file("missing", m_dir.path() + "/missing.so", -1);
+    file("directory", m_dir.path(), -1);
+    file("fifo, not waited for", m_dir.path() + "/fifo", -1);
+    image("kit ARMv5TEJ", kit::armElfImage(5), 5);
+    image("kit two-byte value 200", kit::armElfImage(200), 200);
+    image("text file", "not an ELF file\n", -1);
+    image("found by name alone", kit::armElfImageWithSection(kit::armAttributesSection(10), 1), 10);
+    image("named but without file data", kit::armElfImageWithSection(kit::armAttributesSection(10), 8), -1);
+
+    // Each skipped value holds bytes that look like another Tag_CPU_arch.
+    const QByteArray arch10 = tag(6, uleb(10));
+    const QByteArray symbols = le32(1) + QByteArray(1, '\0') + tag(6, uleb(3)); // a symbol list, then a value
+    attrs("after Tag_CPU_raw_name", fileAttributes(tag(4, text("a\x06\x03")) + arch10), 10);
+    attrs("after Tag_compatibility", fileAttributes(tag(32, uleb(1) + text("\x06\x04")) + arch10), 10);
+    attrs("after Tag_also_compatible_with", fileAttributes(tag(65, text("\x06\x05")) + arch10), 10);
+    attrs("after unknown odd tag 69", fileAttributes(tag(69, text("\x06\x07")) + arch10), 10);
+    attrs("after unknown even tag 68", fileAttributes(tag(68, QByteArray("\x86\x06", 2)) + arch10), 10);
+    attrs("tag number beyond 64 bits", fileAttributes(QByteArray(11, '\xff') + QByteArray("\x01", 1) + text("x") + arch10), 10);
+    attrs("scope tag unterminated", "A" + vendor("aeabi", QByteArray("\x81", 1)), -1);
+    attrs("value with redundant bytes", fileAttributes(tag(6, QByteArray("\x8a\x80\x00", 3))), 10);
+    attrs("value above int", fileAttributes(tag(6, uleb(quint64(1) << 31))), -1);
+    attrs("value beyond 64 bits", fileAttributes(tag(6, QByteArray(12, '\xff') + QByteArray("\x01", 1))), -1);
+    attrs("section scope first", "A" + vendor("aeabi", scope(2, symbols) + scope(1, arch10)), 10);
+    attrs("symbol scope only", "A" + vendor("aeabi", scope(3, symbols)), -1);
+    attrs("second file scope", "A" + vendor("aeabi", scope(1, tag(8, uleb(1))) + scope(1, arch10)), 10);
+    attrs("other vendor first", "A" + vendor("gnu", scope(1, tag(6, uleb(3)))) + vendor("aeabi", scope(1, arch10)), 10);
+    attrs("vendor aeabix", "A" + vendor("aeabix", scope(1, arch10)), -1);
+    attrs("format version B", "B" + vendor("aeabi", scope(1, arch10)), -1);
+    attrs("subsection length 3", "A" + le32(3) + text("aeabi") + scope(1, arch10), -1);
+    attrs("subsection length past end", "A" + le32(200) + text("aeabi") + scope(1, arch10), -1);
+    attrs("vendor name unterminated", "A" + le32(9) + QByteArray("aeabi"), -1);
+    attrs("scope length below its header", "A" + vendor("aeabi", uleb(1) + le32(4) + arch10), -1);
+    attrs("scope length past vendor", "A" + vendor("aeabi", uleb(1) + le32(100) + arch10), -1);
+    attrs("value unterminated", fileAttributes(tag(6, QByteArray("\x8a", 1))), -1);
+    attrs("text unterminated", fileAttributes(tag(5, QByteArray("7-A"))), -1);
+    attrs("compatibility name unterminated", fileAttributes(tag(32, uleb(1) + QByteArray("gnu"))), -1);
+
+    // Damaged headers. Section 0 is reserved, 1 holds the attributes, 2 the section names.
+    const QByteArray good = kit::armElfImage(10);
+    const QByteArray byName = kit::armElfImageWithSection(kit::armAttributesSection(10), 1);
+    const int h = -1;
+    image("64-bit class", patched(good, {{h, 4, 1, 2}}), -1);
+    image("big-endian", patched(good, {{h, 5, 1, 2}}), -1);
+    image("x86 machine", patched(good, {{h, 18, 2, 3}}), -1);
+    image("table offset 0xffffffff", patched(good, {{h, kShoff, 4, 0xffffffff}}), -1);
+    image("entry size 39", patched(good, {{h, kShentsize, 2, 39}}), -1);
+    image("count 0, 3 in section 0", patched(good, {{0, 20, 4, 3}, {h, kShnum, 2, 0}}), 10);
+    image("count 0, 0xffffffff in section 0", patched(good, {{0, 20, 4, 0xffffffff}, {h, kShnum, 2, 0}}), -1);
+    image("names index in section 0", patched(byName, {{0, 24, 4, 2}, {h, kShstrndx, 2, 0xffff}}), 10);
+    image("names index out of range", patched(byName, {{h, kShstrndx, 2, 7}}), -1);
+    image("names offset 0xfffffff0", patched(byName, {{2, 16, 4, 0xfffffff0}}), -1);
+    image("name offset 0xfffffff0", patched(byName, {{1, 0, 4, 0xfffffff0}}), -1);
+    image("name cut by the names' end", patched(byName, {{2, 20, 4, 16}}), -1);
+    image("attributes type only in section 0",
+          patched(good, {{0, 4, 4, kit::kShtArmAttributes}, {0, 16, 4, 52}, {0, 20, 4, 25}, {1, 4, 4, 1}, {1, 0, 4, 17}}), -1);
+    image("attributes size 0xffffffff", patched(good, {{1, 20, 4, 0xffffffff}}), -1);
+    image("attributes past end", patched(good, {{1, 16, 4, quint32(good.size() - 10)}}), -1);
+    // Real libraries end with their section header table as well.
+    image("armhf libc less 41 bytes", testenv::readFile(kArmhfLibc).chopped(41), -1);
+
+    // Exactly the limit is read; one byte more is refused.
+    QByteArray list;
+    while (list.size() < int(platform::sim::kMaxElfSectionBytes) - fileAttributes(QByteArray()).size() - 2)
+        list.append(tag(8, uleb(1)));
+    attrs("attributes at the size limit", fileAttributes(list + arch10), 10);
+    attrs("attributes above the size limit", fileAttributes(tag(8, uleb(1)) + list + arch10), -1);
+    const QByteArray manySections = good + QByteArray(0xffff * 40, '\0');
+    image("0xffff sections", patched(manySections, {{h, kShnum, 2, 0xffff}}), -1);
+    image("1 MiB of section headers", patched(manySections, {{h, kShnum, 2, 1024 * 1024 / 40}}), 10);
+}
+
+void tst_Platform::elfArch()
+{
+    QFETCH(QString, path);
+    QFETCH(QByteArray, image);
+    QFETCH(int, expected);
+    if (path.isNull()) {
+        QCOMPARE(platform::sim::elfCpuArchOfImage(image), expected);
+        path = m_dir.path() + "/image.so";
+        QVERIFY(testenv::writeFile(path, image));
+    }
+    QCOMPARE(platform::sim::elfCpuArch(QFile::encodeName(path).constData()), expected);
+    QCOMPARE(Kavo_GetPlatform_Arch(QFile::encodeName(path).constData()), expected);
 }
 
 QTEST_GUILESS_MAIN(tst_Platform)

@@ -1,6 +1,4 @@
-// Scrambled configuration files: the byte transform (rotate left by 3, then
-// XOR 0x6B), the conversion in 255-byte chunks with its mark rule, and the
-// clear copy's target rules.
+// Scrambled files: the byte transform, 255-byte chunks, the mark rule, the clear copy's target.
 #include "download/qsettingsfactory.h"
 #include "testenv.h"
 

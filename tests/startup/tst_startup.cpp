@@ -1,5 +1,4 @@
-// Start-up in process: the options of the command line, each found anywhere
-// inside an argument, and the box of a failed resume.
+// Start-up in process: command-line options, package processes, a failed resume's box.
 #include "app/runmodes.h"
 #include "app/startup.h"
 
@@ -50,8 +49,7 @@ void tst_startup::parseOptions()
     QTEST(QString("%1 %2 %3|%4|%5|%6").arg(o.haveProject).arg(o.haveDirect).arg(o.projectResult).arg(o.projectArg, o.resultDir, o.lanId), "parsed");
 }
 
-// A stand-in for /proc: only a command line whose first string is the package's
-// executable, by path or bare, counts; only its first 255 bytes are read.
+// A /proc stand-in: only a first string naming the executable counts, in 255 bytes.
 void tst_startup::findPackageProcesses()
 {
     QTemporaryDir proc;
@@ -65,14 +63,11 @@ void tst_startup::findPackageProcesses()
     QVERIFY(found == (std::vector<pid_t>{101, 102}) && startup::findPackageProcesses(proc.path(), 1).size() == 1);
 }
 
-// The runtime updater reported a failure: the operator is told, and the
-// process ends with the status it has always had on this path.
 void tst_startup::resumeFailedBox()
 {
     QVERIFY(testenv::loadBuiltinTexts());
     testenv::BoxAnswerer answerer;
-    QCOMPARE(runmodes::runResumeFailed(37), 37);
-    QCOMPARE(answerer.seen().size(), 1);
+    QVERIFY(runmodes::runResumeFailed(37) == 37 && answerer.seen().size() == 1);
     const testenv::SeenBox& box = answerer.seen().first();
     QCOMPARE(box.title + '|' + box.text + '|' + box.buttons.join('|'), "提示|更新运行环境失败，请检查：\n1、U盘是否松动；\n2、升级包是否正确；\n3、确认后重试。|确认");
     QVERIFY(box.icon == QMessageBox::Information && box.parent == nullptr && box.flags.testFlag(Qt::WindowStaysOnTopHint));

@@ -65,12 +65,8 @@ TempPanel::TempPanel()
     : m_hadPreviousRoot(qEnvironmentVariableIsSet("KAVO_PANEL_ROOT"))
 {
     m_previousRoot = qgetenv("KAVO_PANEL_ROOT");
-    const QStringList dirs = {
-        "/usr/kavo_app/project", "/usr/kavo_app/font", "/usr/kavo_app/config",
-        "/data/recipe", "/data/history", "/data/alarm", "/data/initvalue", "/data/userfile",
-        "/var/run", "/tmp",
-    };
-    for (const QString& dir : dirs)
+    for (const char* dir : {"/usr/kavo_app/project", "/usr/kavo_app/font", "/usr/kavo_app/config", "/data/recipe", "/data/history",
+                            "/data/alarm", "/data/initvalue", "/data/userfile", "/var/run", "/tmp"})
         QDir().mkpath(path(dir));
     kit::writeArmElf(path("/lib/libc.so.6"), 10);
     qputenv("KAVO_PANEL_ROOT", QFile::encodeName(root()));
@@ -89,12 +85,9 @@ TempStick::TempStick()
     if (!m_dir.isValid())
         return;
     const QString source = qEnvironmentVariable("OPX_EXECUTABLE");
-    QDir().mkpath(packageDir() + QStringLiteral("/language"));
-    QDir().mkpath(packageDir() + QStringLiteral("/config"));
+    QDir().mkpath(packageDir() + QStringLiteral("/language")) && QDir().mkpath(packageDir() + QStringLiteral("/config"));
     m_valid = !source.isEmpty() && QFile::copy(source, executable())
-              && QFile::setPermissions(executable(), QFileDevice::ReadOwner | QFileDevice::WriteOwner
-                                                         | QFileDevice::ExeOwner | QFileDevice::ReadGroup
-                                                         | QFileDevice::ExeGroup);
+              && QFile::setPermissions(executable(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup);
 }
 
 RunResult runPackage(const TempStick& stick, const QString& panelRoot, const QStringList& arguments,
@@ -117,10 +110,8 @@ RunResult runPackage(const TempStick& stick, const QString& panelRoot, const QSt
     if (!process.waitForStarted(timeoutMs))
         return result;
     result.finished = process.waitForFinished(timeoutMs);
-    if (!result.finished) {
-        process.kill();
-        process.waitForFinished(5000);
-    }
+    if (!result.finished)
+        process.kill(), process.waitForFinished(5000);
     result.exitStatus = process.exitStatus();
     result.exitCode = process.exitCode();
     result.out = process.readAllStandardOutput();

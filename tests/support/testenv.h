@@ -1,6 +1,4 @@
-// Temporary simulated panels and USB sticks for the tests, and a way to run the
-// package's executable on them. Nothing here touches the machine's real panel
-// directories: every panel lives under a temporary KAVO_PANEL_ROOT.
+// Temporary simulated panels and sticks, and a way to run the package on them.
 #pragma once
 
 #include <QByteArray>
@@ -18,11 +16,8 @@ bool loadBuiltinTexts();
 // Messages of the process-wide text table, in a row.
 QStringList texts(const QList<int>& ids);
 
-// A temporary directory whose path may be handed to the package inside an
-// option ("-p DIR"). The package finds its options anywhere inside an
-// argument, and QTemporaryDir's own names put a random letter right after a
-// "-": one run in a few dozen would read "-sXyz..." in the path as "-s" and
-// download a project named after the path. These names hold no "-".
+// A temporary directory without "-" in its name, as the package finds options
+// such as "-s" anywhere inside an argument ("-p DIR").
 class OptionSafeDir : public QTemporaryDir
 {
 public:
@@ -37,9 +32,7 @@ QStringList entriesWithSizes(const QString& dir);
 bool writeFile(const QString& path, const QByteArray& data);
 QByteArray readFile(const QString& path);
 
-// A simulated panel in a temporary directory with the directories of a ready
-// panel and an ARMv7 C library stand-in. While it lives, KAVO_PANEL_ROOT of
-// this process names it.
+// A ready simulated panel with an ARMv7 C library; KAVO_PANEL_ROOT names it while it lives.
 class TempPanel
 {
 public:
@@ -59,8 +52,7 @@ private:
     bool m_hadPreviousRoot;
 };
 
-// A USB stick in a temporary directory holding "opxupdateu/" with a copy of the
-// package's executable (from OPX_EXECUTABLE), "language/" and "config/".
+// A stick with opxupdateu/ holding OPX_EXECUTABLE's copy, language/ and config/.
 class TempStick
 {
 public:
@@ -87,9 +79,7 @@ struct RunResult
     QByteArray err;
 };
 
-// Runs the stick's executable with the stick as working directory, on `panelRoot`
-// (KAVO_PANEL_ROOT), headless, with `arguments` as given. `extraEnv` entries
-// ("NAME=value") are added to the environment.
+// Runs the stick's executable from the stick, headless, on `panelRoot`, with `extraEnv` ("NAME=value").
 RunResult runPackage(const TempStick& stick, const QString& panelRoot, const QStringList& arguments,
                      const QStringList& extraEnv = QStringList(), int timeoutMs = 60000);
 

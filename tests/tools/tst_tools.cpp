@@ -1,7 +1,5 @@
-// The integrators' tools: what opxpack and opxpanel refuse (and that they then
-// write nothing), and the round trip: opxpanel makes a panel, opxpack a stick
-// from a plain project directory, and the stick's own executable downloads
-// the project in direct mode, one whole download a row.
+// opxpack and opxpanel: what they refuse, writing nothing; and a panel and stick
+// they make, downloaded by the stick's own executable in direct mode.
 #include "testenv.h"
 
 #include "tools/kit/runtime.h"
@@ -82,7 +80,6 @@ void tst_Tools::packageAcceptsToolsOutput_data()
     QTest::addColumn<bool>("cleared");         // the recipes and the user file area
 
     QTest::newRow("sample project, auto variant, OPX7 panel") << true << QStringList{} << QStringList{} << QStringList{} << false;
-    // OPX_RT_PAGES is set for the package in packageAcceptsToolsOutput().
     QTest::newRow("v5 on an OPX5 panel: scrambled, runtime copy, destinations, data cleared, hardware conditions")
         << false << QStringList{"--platform", "5", "--scramble", "--runtime", "{W}/runtime", "--dest", "*.ttf=/usr/kavo_app/font", "--dest", "my.*=/never",
                                 "--dest", "pages/*=$OPX_RT_PAGES", "--clear", "recipe,userdir", "--cpu-core", "1", "--hw-platform", "5,10",
@@ -100,9 +97,7 @@ void tst_Tools::packageAcceptsToolsOutput()
     QFETCH(bool, cleared);
     testenv::OptionSafeDir work;
     const QString project = sample ? qEnvironmentVariable("OPX_SOURCE_DIR") + "/examples/sample" : work.path() + "/generated";
-    // As the design software leaves a project: binary and text files, a
-    // subdirectory, names with blanks, Chinese and INI-special characters, an
-    // empty file, a font and two files for the user area.
+    // As the design software leaves one: names with blanks, Chinese and INI-special characters.
     QByteArray binary;
     for (int i = 0; i < 100000; ++i)
         binary.append(char((i * 7 + i / 256) & 0xff));
@@ -133,8 +128,7 @@ void tst_Tools::packageAcceptsToolsOutput()
     QVERIFY2(report.startsWith("[成功]\n") && package.exitStatus() == QProcess::NormalExit && package.exitCode() == 0, qPrintable(report));
     QCOMPARE(testenv::readFile(panel + "/var/run/reboot-requested"), QByteArray("reboot\n"));
 
-    // Every input file at its place on the panel, byte for byte; the project
-    // area and the user area hold nothing else of the old panel.
+    // Every input file at its place, byte for byte; nothing else of the old panel in the areas.
     QStringList inProjectArea, inUserArea = cleared ? QStringList() : QStringList{"user.txt"};
     for (const QString& file : kit::regularFiles(project)) {
         QString target = placed.filter(QRegularExpression("^" + QRegularExpression::escape(file) + "=")).join("").section('=', 1);

@@ -1,19 +1,21 @@
-// The runtime updater program as the download starts it, one hand-over a row:
-// on a stick whose package executable is a stand-in that records how it was
-// started again, while a stand-in of the run that handed over still goes on
-// towards its reboot. The test program has a PID namespace of its own, so the
-// updater's stop of running packages reaches only this test's stand-ins.
-#include "recordingdownload.h"
-#include "testenv.h"
+// The runtime updater as the download starts it, one hand-over a row, with
+// stand-ins for the package started again and for the run that handed over;
+// then the whole loop: dialog, real updater, real package resumed, reboot.
+#include "download/dlgdownload.h"
+#include "platform/kavo_api.h"
 #include "tools/kit/panel.h"
 #include "tools/kit/runtime.h"
 #include "tools/kit/stick.h"
 
+#include "boxanswerer.h"
+#include "recordingdownload.h"
+#include "testenv.h"
+
+#include <QTextEdit>
 #include <QtTest>
 
 namespace {
 
-// Every file under `dir` by relative path.
 QMap<QString, QByteArray> snapshot(const QString& dir)
 {
     QMap<QString, QByteArray> files;
@@ -32,10 +34,24 @@ kit::RuntimeSpec packageRuntime(const QString& version)
     return spec;
 }
 
-QByteArray md5Line(const QByteArray& content, const QString& name)
+
+// Stops the sequence as the dialog hides, as the updater's SIGTERM does on the panel.
+class StopOnHide : public QObject
 {
-    return QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex() + "  " + name.toUtf8() + '\n';
-}
+public:
+    explicit StopOnHide(dlgDownLoad& dialog) { dialog.installEventFilter(this); }
+    bool hidden = false;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (event->type() == QEvent::Hide) {
+            hidden = true;
+            static_cast<dlgDownLoad*>(watched)->m_stop = true;
+        }
+        return false;
+    }
+};
 
 } // namespace
 
@@ -44,9 +60,18 @@ class tst_updater : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void handOver_data();
     void handOver();
+    void updatesRuntimeThenDownloads();
 };
+
+// The updater stops package runs: only those of this test's own PID namespace.
+void tst_updater::initTestCase()
+{
+    if (QCoreApplication::applicationPid() != 1)
+        QSKIP("not in a PID namespace of its own: the updater would stop package runs this test did not start");
+}
 
 void tst_updater::handOver_data()
 {
@@ -73,9 +98,7 @@ void tst_updater::handOver_data()
     row("ARMv5 panel, v7 and plain only", 5, {"v7/", ""}, "", failed, "7.1.0", "no runtime copy of KavoPro in");
     row("ARMv7 panel, plain only", 10, {""}, "", failed, "7.1.0", "only KavoPro/v7/kavo_app counts");
     row("no C library", -1, all, "", failed, "7.1.0", "cannot tell the panel's platform");
-    // The faulty file sorts last in the list: a check made while copying would
-    // already have replaced the others. Refused names point at real files with
-    // the right MD5, so that only the name rule can refuse them.
+    // The faulty file sorts last; refused names have real files with the right MD5.
     row("file differs", 10, all, "differs", failed, "7.1.0", "share/new.dat differs from its MD5 list");
     row("file missing", 10, all, "missing", failed, "7.1.0", "the runtime copy lacks share/new.dat");
     row("name leaves the copy", 10, all, "../outside.dat", failed, "7.1.0", "../outside.dat leaving the runtime directory");
@@ -99,8 +122,6 @@ void tst_updater::handOver_data()
 
 void tst_updater::handOver()
 {
-    if (QCoreApplication::applicationPid() != 1)
-        QSKIP("not in a PID namespace of its own: the updater would stop package runs this test did not start");
     QFETCH(int, cpuArch);
     QFETCH(QStringList, layouts);
     QFETCH(QString, fault);
@@ -128,17 +149,15 @@ void tst_updater::handOver()
     const QString name = QString(fault).replace("{ROOT}", stick + '/');
     QFile list(copy + "/version.7.2.7");
     if (name.contains('/')) // a refused name for a file that is there, with its MD5
-        QVERIFY(kit::writeFile(name.startsWith('/') ? name : copy + '/' + name, "x") && list.open(QIODevice::Append) && list.write(md5Line("x", name)));
+        QVERIFY(kit::writeFile(name.startsWith('/') ? name : copy + '/' + name, "x") && list.open(QIODevice::Append) && list.write(QCryptographicHash::hash("x", QCryptographicHash::Md5).toHex() + "  " + name.toUtf8() + '\n'));
     QVERIFY(fault != "differs" || kit::writeFile(copy + "/share/new.dat", "damaged on the stick\n"));
     QVERIFY(fault != "missing" || QFile::remove(copy + "/share/new.dat"));
     QVERIFY(fault != "nolist" || list.remove());
     QVERIFY(fault != "malformed" || (list.open(QIODevice::Append) && list.write("0123456789abcdef not a checksum line\n")));
     QVERIFY(fault != "plain" || kit::writeFile(copy + "/update.ini", kit::updateIniText(packageRuntime("7.2.7"))));
     list.close();
-    // Started again, the stand-in records its working directory and arguments,
-    // one a line. As the run that handed over it goes on for eight seconds and
-    // reboots the panel; on SIGTERM it keeps the runtime description it saw and
-    // ends, unless it ignores the signal.
+    // Started again, it records its directory and arguments; as the run that handed
+    // over it reboots after 8 s, or on SIGTERM keeps the description it saw and ends.
     const QString executable = stick + "/opxupdateu/opxupdateu_proj.bin";
     QVERIFY(fault == "nopackage" ? !QFile::exists(executable) : kit::writeFile(executable,
             "#!/bin/sh\ncase \"$1\" in handing-over*)\n"
@@ -177,13 +196,11 @@ void tst_updater::handOver()
         QVERIFY(!QFileInfo::exists(panel + "/var/run/reboot-requested"));
         QVERIFY(fault != "ignoring-term" || diagnostics.indexOf("killing it") < diagnostics.indexOf("runtime updated"));
     }
-    // Exactly the copy's files, its description (plain) and its list are new;
-    // the project, the fonts and the old list stay. A refused copy changes nothing.
+    // Exactly the copy's files, description and list are new; a refused copy changes nothing.
     QMap<QString, QByteArray> expected = before;
     const kit::RuntimeSpec spec = packageRuntime(installed);
-    for (auto it = spec.files.cbegin(); installed != "7.1.0" && it != spec.files.cend(); ++it)
-        expected.insert(it.key(), it.value());
     if (installed != "7.1.0") {
+        expected.insert(spec.files);
         expected.insert("update.ini", kit::updateIniText(spec));
         expected.insert("version." + installed, kit::md5List(spec.files));
     }
@@ -193,5 +210,45 @@ void tst_updater::handOver()
     QVERIFY(probe.checkAppIntegrity(INSTALLED_APP, qPrintable(app)));
 }
 
-QTEST_GUILESS_MAIN(tst_updater)
+void tst_updater::updatesRuntimeThenDownloads()
+{
+    QVERIFY(testenv::loadBuiltinTexts());
+    testenv::TempPanel panel;
+    QTemporaryDir stick;
+    const QString previousDir = QDir::currentPath();
+    kit::PanelSpec panelSpec;
+    panelSpec.runtime.version = QStringLiteral("7.1.0");
+    kit::ProjectSpec project;
+    project.withRuntime = true;
+    project.runtime.files.insert("bin/kavo_app", "kavo runtime application 7.2.1\n");
+    QVERIFY(kit::makePanel(panel.root(), panelSpec) && kit::writeProject(stick.path(), project)
+            && kit::writePackage(stick.path(), {qEnvironmentVariable("OPX_EXECUTABLE"), qEnvironmentVariable("OPX_HELPER")}));
+    {
+        dlgDownLoad dialog(QString::fromUtf8(Kavo_GetDirectory(3)), QStringLiteral("0001"));
+        dialog.setPackageRoot(stick.path());
+        dialog.setProjectName(project.name);
+        dialog.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+        StopOnHide stopper(dialog);
+        testenv::BoxAnswerer answerer({}, QMessageBox::Yes);
+        dialog.clickedStartBt();
+        QVERIFY(answerer.seen().size() == 1 && answerer.seen().first().title + answerer.seen().first().text == msg(2034) + msg(2033).arg("7.1.0", "7.2.1"));
+        QVERIFY2(stopper.hidden, "the dialog did not close after handing over to the updater");
+        // Stopped before the disk space check: this run changed nothing on the panel.
+        const QString pane = dialog.findChild<QTextEdit*>(QStringLiteral("textEdit"))->toPlainText();
+        QVERIFY2(pane.contains(msg(2022)) && !pane.contains(msg(2044)), qPrintable(pane));
+    }
+    QDir::setCurrent(previousDir);
+
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(panel.path("/var/run/reboot-requested")), 60000);
+    QCOMPARE(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"));
+    QCOMPARE(kit::readRuntimeDescription(panel.path("/usr/kavo_app/update.ini")).version, QStringLiteral("7.2.1"));
+    QCOMPARE(testenv::readFile(panel.path("/usr/kavo_app/bin/kavo_app")), QByteArray("kavo runtime application 7.2.1\n"));
+    QStringList expected;
+    for (const kit::PackageFile& file : project.files)
+        expected << file.name + ' ' + QString::number(file.content.size());
+    QCOMPARE(testenv::entriesWithSizes(panel.path("/usr/kavo_app/project")), expected);
+}
+
+QTEST_MAIN(tst_updater)
 #include "tst_updater.moc"
