@@ -113,7 +113,9 @@ void tst_Tools::packageAcceptsToolsOutput()
     for (const QStringList& run : {QStringList{"OPXPANEL", "--root", panel} + panelArgs,
                                    QStringList{"OPXPACK", "--project", project, "--name", "line 2", "--out", stick} + packArgs.replaceInStrings("{W}", work.path())}) {
         tool.start(qEnvironmentVariable(qPrintable(run.first())), run.mid(1));
-        QVERIFY2(tool.waitForFinished() && tool.exitCode() == 0, tool.readAllStandardError().constData());
+        // A loaded machine (the sanitizer build beside another build) can take
+        // longer than QProcess's default half minute.
+        QVERIFY2(tool.waitForFinished(120000) && tool.exitCode() == 0, tool.readAllStandardError().constData());
     }
 
     QProcess package;
