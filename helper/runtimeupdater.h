@@ -15,10 +15,9 @@
 // updater and ends in a reboot of the panel; it is stopped first, so that no
 // reboot can cut the runtime installation short. The resumed run downloads
 // the project. Nothing on the panel changes before the whole copy has been
-// checked. The
-// panel's project directory inside the runtime is never touched. Diagnostics
-// go to standard error in English; the operator hears of the outcome only from
-// the resumed package.
+// checked. The panel's project directory inside the runtime is never touched.
+// Diagnostics go to standard error in English; the operator hears of the
+// outcome only from the resumed package.
 #pragma once
 
 #include <QString>

@@ -34,18 +34,17 @@ bool CLogger::open(const QString& path)
     // A report that cannot be opened is dropped, so every later call is skipped
     // and the download goes on without it.
     m_path = path;
-    auto file = std::make_unique<QFile>(path);
-    if (!file->open(QIODevice::ReadWrite))
-        return false;
-    m_file = std::move(file);
-    return true;
+    return openFile();
 }
 
 bool CLogger::reopen()
 {
     close();
-    if (m_path.isEmpty() || !QFile::exists(m_path))
-        return false;
+    return !m_path.isEmpty() && QFile::exists(m_path) && openFile();
+}
+
+bool CLogger::openFile()
+{
     auto file = std::make_unique<QFile>(m_path);
     if (!file->open(QIODevice::ReadWrite))
         return false;

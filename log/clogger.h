@@ -45,6 +45,9 @@ private:
     CLogger() = default;
     ~CLogger();
 
+    // Opens m_path read-write as the report, without touching its content.
+    bool openFile();
+
     std::unique_ptr<QFile> m_file;
     QString m_path; // of the last report opened
 };
