@@ -73,14 +73,6 @@ quint64 dataMiB()
     return quint64(fs.f_frsize) * quint64(fs.f_blocks) >> 20;
 }
 
-QByteArray pattern(int size)
-{
-    QByteArray data(size, '\0');
-    for (int i = 0; i < size; ++i)
-        data[i] = char(i * 131 + i / 977);
-    return data;
-}
-
 QStringList packageFailure(int id)
 {
     return texts({2011, id, 2020});
@@ -246,22 +238,18 @@ void tst_download_e2e::download_data()
             s.changes.insert({{"data/alarm/alarm.dat", {}}, {"data/initvalue/init.dat", {}}});
         });
     // No runtime copy offered in direct mode; "DownLoadFile" plus any one character is cut.
-    row("no variant directory, user area cleared", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
-        [](Scenario& s) {
+    // No runtime copy offered in direct mode; "DownLoadFile" plus any one character is cut.
+    // CRC without leading zeros or empty; logger.ini may differ; no version text runs.
+    row("no variant directory, user area cleared, checksums",
+        downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied), [](Scenario& s) {
             s.project.withRuntime = true;
             s.project.clearUserDir = true;
-            s.project.files << PackageFile{"DownLoadFile/new.txt", "a new user file\n", "/data/userfile"}
-                            << PackageFile{"big.bin", pattern(5 * 1024 + 17), kProjectArea}
+            s.project.minRunVersion = "7.5.0"; // the same version fits, whatever the minimums
+            s.project.files << PackageFile{"lead.bin", kZeroLed, kProjectArea} << PackageFile{"check.bin", "123456789", kProjectArea}
+                            << PackageFile{"DownLoadFile/new.txt", "a new user file\n", "/data/userfile"}
+                            << PackageFile{"big.bin", QByteArray("7 bytes").repeated(734), kProjectArea}
                             << PackageFile{"empty.bin", "", kProjectArea}
                             << PackageFile{"DownLoadFileX.dat", "odd\n", "/data/userfile"};
-            s.changes.insert("data/userfile/*", {});
-        });
-    // CRC without leading zeros or empty; logger.ini may differ; no version text runs.
-    row("user area cleared, no user files, checksums", downloaded(kToDisk + QList<int>{2046, 2047} + kToCopy + kCopied),
-        [](Scenario& s) {
-            s.project.clearUserDir = true;
-            s.project.minRunVersion = "7.5.0"; // the same version fits, whatever the minimums
-            s.project.files << PackageFile{"lead.bin", kZeroLed, kProjectArea} << PackageFile{"check.bin", "123456789", kProjectArea};
             s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("CRC=CBF43926", "CRC="));
             s.edits.insert({{"usr/kavo_app/config/logger.ini", "changed\n"},
                             {"usr/kavo_app/version.7.2.1;touch${IFS}pwned", "copy:usr/kavo_app/version.7.2.1"},
@@ -274,10 +262,6 @@ void tst_download_e2e::download_data()
     row("C library of no known platform", packageFailure(2013),
         [](Scenario& s) { s.edits.insert("lib/libc.so.6", "not an ELF file\n"); });
     row("version.ini missing", packageFailure(2014), [](Scenario& s) { s.edits.insert("stick/proj/version.ini", {}); });
-    row("project.ini missing in the variant", packageFailure(2014), [](Scenario& s) {
-        s.project.variant = "v7";
-        s.edits.insert("stick/proj/v7/project.ini", {});
-    });
     row("description without a global key", packageFailure(2120), [](Scenario& s) {
         s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("VERSION=", "VERSIONS="));
     });
@@ -286,7 +270,6 @@ void tst_download_e2e::download_data()
             s.project.platform = "5";
             s.project.platformName = "  触摸屏五  ";
         });
-    row("no files", packageFailure(2016), [](Scenario& s) { s.project.files.clear(); });
     row("negative file count", packageFailure(2016), [](Scenario& s) {
         s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("FILENUM=2\n", "FILENUM=-3\n"));
     });
@@ -295,8 +278,6 @@ void tst_download_e2e::download_data()
         s.edits.insert("stick/proj/project.ini", kit::projectIniText(s.project).replace("CRC=E859", "CRC=0000E859"));
     });
     row("package file missing", packageFailure(2018), [](Scenario& s) { s.edits.insert("stick/proj/project.bin", {}); });
-    row("package file changed, same size", packageFailure(2019),
-        [](Scenario& s) { s.edits.insert("stick/proj/project.bin", "THE NEW PROJECT\n"); });
     row("package file of another size", packageFailure(2019),
         [](Scenario& s) { s.edits.insert("stick/proj/project.bin", "the new project, longer\n"); });
     row("empty product", packageFailure(2023), [](Scenario& s) {
@@ -311,15 +292,13 @@ void tst_download_e2e::download_data()
         s.project.diskCapacity = "1";
         s.edits.insert("data", {});
     });
-    // Numbers read as a 32-bit strtol reads them.
-    row("hardware: disk too small, saturated", hardware(-1), [](Scenario& s) { s.project.diskCapacity = "99999999999999"; });
+    // Numbers read as strtol reads them: a unit after the digits ends the number.
     row("hardware: disk too small, with a unit", hardware(-1), [](Scenario& s) { s.project.diskCapacity = "99999999MB"; });
     row("hardware: one MiB more than the data partition", hardware(-1),
         [](Scenario& s) { s.project.diskCapacity = QString::number(dataMiB() + 1); });
-    row("hardware: one core more than there are", hardware(-3),
-        [](Scenario& s) { s.project.cpuCore = QString::number(get_nprocs() + 1); });
     row("hardware: platform not listed", hardware(-2), [](Scenario& s) { s.project.hardwarePlatforms = QStringList{"5", "7"}; });
-    row("hardware: too few cores", hardware(-3), [](Scenario& s) { s.project.cpuCore = "4096 cores"; });
+    row("hardware: one core more than there are", hardware(-3),
+        [](Scenario& s) { s.project.cpuCore = QString::number(get_nprocs() + 1) + " cores"; });
     // Its series asks for four cores where the project names none.
     if (get_nprocs() < 4)
         row("hardware: KavoStu needs four cores", hardware(-3, "KavoStu"), [](Scenario& s) {
@@ -377,10 +356,6 @@ void tst_download_e2e::download_data()
     row("project area too small", texts(kToDisk) << msg(2045), [](Scenario& s) {
         s.mount = QStringList{"size=8m", kProjectArea};
         s.project.files << PackageFile{"large.bin", QByteArray(10 << 20, 'p'), kProjectArea};
-    });
-    row("user area too small", texts(kToDisk) << msg(2049), [](Scenario& s) {
-        s.mount = QStringList{"size=8m", "/data/userfile"};
-        s.project.files << PackageFile{"DownLoadFile/large.bin", QByteArray(7 << 20, 'u'), "/data/userfile"};
     });
     row("user area cannot be cleared", texts(kToDisk + QList<int>{2046, 2048, 2049}), [](Scenario& s) {
         s.project.clearUserDir = true;

@@ -31,11 +31,7 @@ void BoxAnswerer::poll()
         record.buttons << button->text();
     record.icon = box->icon();
     record.flags = box->windowFlags();
-    record.windowIconNull = box->windowIcon().isNull();
-    record.windowIconHasPixmap = !box->windowIcon().pixmap(16).isNull();
     record.parent = box->parentWidget();
-    record.fontFamily = box->font().family();
-    record.fontPixelSize = box->font().pixelSize();
     m_seen << record;
 
     const QMessageBox::StandardButton answer = m_answers.isEmpty() ? m_otherwise : m_answers.takeFirst();

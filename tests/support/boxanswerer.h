@@ -22,14 +22,8 @@ struct SeenBox
     QStringList buttons;
     QMessageBox::Icon icon = QMessageBox::NoIcon;
     Qt::WindowFlags flags;
-    bool windowIconNull = true;
-    // Whether the window icon yields a 16 px pixmap, that is, whether a title
-    // bar would show one.
-    bool windowIconHasPixmap = false;
     // Only for comparing: the widget may be gone by the time a test looks.
     QWidget* parent = nullptr;
-    QString fontFamily;
-    int fontPixelSize = 0;
 };
 
 // Each box as "title|text|captions joined by /".
