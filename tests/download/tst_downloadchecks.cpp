@@ -29,11 +29,6 @@ bool writeSized(const QString& path, qint64 size)
     return testenv::writeFile(path, QByteArray()) && QFile::resize(path, size);
 }
 
-bool growBy(const QString& path, qint64 delta)
-{
-    return QFile::resize(path, QFileInfo(path).size() + delta);
-}
-
 } // namespace
 
 class tst_DownloadChecks : public QObject
@@ -52,10 +47,8 @@ private slots:
     void destination_data();
     void destination();
     void corners();
-    void projectArea_data();
-    void projectArea();
-    void userFileArea_data();
-    void userFileArea();
+    void freeSpace_data();
+    void freeSpace();
 
 private:
     QString m_previousDir = QDir::currentPath();
@@ -69,6 +62,12 @@ void tst_DownloadChecks::initTestCase()
 {
     QVERIFY(testenv::loadBuiltinTexts());
     m_privateMounts = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    // For "$" destinations: new variables go to the end of the environment in this order.
+    qputenv("OPXDESC_USRDIR", "/usr/longer");
+    qputenv("OPXDESC_USR", "/usr/exact");
+    qputenv("$OPXDESC_Y", "/dollar");
+    qputenv("OPXDESC_Y", "/without-dollar");
+    qputenv("OPXDESC_EQ", "/a=b");
 }
 
 void tst_DownloadChecks::init()
@@ -128,29 +127,25 @@ void tst_DownloadChecks::platformFile()
 
 void tst_DownloadChecks::formatVersion_data()
 {
+    // The fields hold 9.9.9 before.
     QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<bool>("fromNines"); // the fields hold 9.9.9 before, else 0.0.0
     QTest::addColumn<QString>("after");
-    QTest::newRow("three parts") << QByteArray("7.10.1") << false << "7.10.1";
-    QTest::newRow("fourth part ignored") << QByteArray("7.2.1.3") << false << "7.2.1";
-    QTest::newRow("two parts keep the build") << QByteArray("7.2") << true << "7.9.9";
-    QTest::newRow("no dot sets nothing") << QByteArray("7") << true << "9.9.9";
-    QTest::newRow("blanks, signs, trailing letters") << QByteArray(" 7a. +2b.-1rc") << false << "7.2.-1";
-    QTest::newRow("11 characters read") << QByteArray("00000000007.00000000008.00000000009") << false << "7.8.9";
+    QTest::newRow("fourth part ignored") << QByteArray("7.2.1.3") << "7.2.1";
+    QTest::newRow("two parts keep the build") << QByteArray("7.2") << "7.9.9";
+    QTest::newRow("no dot sets nothing") << QByteArray("7") << "9.9.9";
+    QTest::newRow("blanks, signs, trailing letters") << QByteArray(" 7a. +2b.-1rc") << "7.2.-1";
+    QTest::newRow("11 characters read") << QByteArray("00000000007.00000000008.00000000009") << "7.8.9";
     // Read as on the panel, whose 32-bit strtol stops at its limits.
-    QTest::newRow("oversized parts saturate") << QByteArray("99999999999.-9999999999.4294967297") << false
+    QTest::newRow("oversized parts saturate") << QByteArray("99999999999.-9999999999.4294967297")
                                               << "2147483647.-2147483648.2147483647";
-    QTest::newRow("12th character cut") << QByteArray("000000000007.000000000008.000000000009") << true << "0.0.0";
+    QTest::newRow("12th character cut") << QByteArray("000000000007.000000000008.000000000009") << "0.0.0";
 }
 
 void tst_DownloadChecks::formatVersion()
 {
     QFETCH(QByteArray, text);
-    QFETCH(bool, fromNines);
     QFETCH(QString, after);
-    stVersionInfo version;
-    if (fromNines)
-        version = stVersionInfo{9, 9, 9};
+    stVersionInfo version{9, 9, 9};
     m_download->formatVersion(text.data(), version);
     QCOMPARE(QString("%1.%2.%3").arg(version.major).arg(version.minor).arg(version.build), after);
 }
@@ -171,14 +166,6 @@ void tst_DownloadChecks::destination()
 {
     QFETCH(QString, desPath);
     QFETCH(QString, expected);
-    // New variables go to the end of the environment in this order.
-    for (const char* name : {"OPXDESC_USRDIR", "OPXDESC_USR", "$OPXDESC_Y", "OPXDESC_Y", "OPXDESC_EQ"})
-        qunsetenv(name);
-    qputenv("OPXDESC_USRDIR", "/usr/longer");
-    qputenv("OPXDESC_USR", "/usr/exact");
-    qputenv("$OPXDESC_Y", "/dollar");
-    qputenv("OPXDESC_Y", "/without-dollar");
-    qputenv("OPXDESC_EQ", "/a=b");
     QVERIFY(testenv::writeFile("proj/v7/project.ini", "[GLOBAL]\nOPXPlatform=10\nOPXName=KP\nVERSION=1\nFILENUM=1\n"
                                                       "[FILE1]\nNAME=a\nDESPATH=" + desPath.toUtf8() + "\n"));
     QVERIFY(m_download->parseIniFile("./proj/v7/project.ini"));
@@ -212,97 +199,72 @@ void tst_DownloadChecks::corners()
     QVERIFY(report->open("report.log") && QFile::remove("report.log") && QDir().mkdir("report.log") && !report->reopen());
 }
 
-void tst_DownloadChecks::projectArea_data()
+void tst_DownloadChecks::freeSpace_data()
 {
-    // need - (available - 4,194,303), the variant directory, whether the area is there.
-    QTest::addColumn<qint64>("shift");
+    // Both checks to the byte on tmpfs areas: the project area keeps 2,048 + 4,194,303 bytes free, the
+    // user file area 2 MiB; each shift is the package's need minus what the check lets through.
+    QTest::addColumn<qint64>("projectShift");
+    QTest::addColumn<qint64>("userShift");
     QTest::addColumn<QString>("variant");
-    QTest::addColumn<bool>("areaPresent");
-    QTest::newRow("need one byte below the limit") << Q_INT64_C(-1) << "v7/" << true;
-    QTest::newRow("need equal to the limit") << Q_INT64_C(0) << "v7/" << true;
-    QTest::newRow("no variant: runtime copy not counted") << Q_INT64_C(-1) << "" << true;
-    QTest::newRow("missing project area created and counted") << Q_INT64_C(-1) << "v7/" << false;
+    QTest::addColumn<bool>("areaPresent"); // the project area; else the check makes it
+    QTest::addColumn<bool>("clear");       // the user file area is to be cleared: its files count as free
+    QTest::newRow("one byte below, equal") << Q_INT64_C(-1) << Q_INT64_C(0) << "v7/" << true << false;
+    QTest::newRow("equal, one byte over") << Q_INT64_C(0) << Q_INT64_C(1) << "v7/" << true << false;
+    QTest::newRow("no variant, runtime copy not counted; cleared, equal") << Q_INT64_C(-1) << Q_INT64_C(0) << ""
+                                                                         << true << true;
+    QTest::newRow("project area made; cleared, as free alone suffices") << Q_INT64_C(-1) << Q_INT64_C(-1100000)
+                                                                        << "v7/" << false << true;
+    QTest::newRow("one byte below; cleared, one byte over") << Q_INT64_C(-1) << Q_INT64_C(1) << "v7/" << true << true;
 }
 
-void tst_DownloadChecks::projectArea()
+void tst_DownloadChecks::freeSpace()
 {
-    QFETCH(qint64, shift);
+    QFETCH(qint64, projectShift);
+    QFETCH(qint64, userShift);
     QFETCH(QString, variant);
     QFETCH(bool, areaPresent);
+    QFETCH(bool, clear);
     const QString app = m_panel->path("/usr/kavo_app");
-    if (!m_privateMounts || mount("tmpfs", QFile::encodeName(app).constData(), "tmpfs", 0, "size=16m") != 0)
-        QSKIP("no tmpfs in a private mount namespace here (needs CAP_SYS_ADMIN)");
+    const QString data = m_panel->path("/data");
+    for (const QString& dir : {app, data}) {
+        if (!m_privateMounts || mount("tmpfs", QFile::encodeName(dir).constData(), "tmpfs", 0, "size=16m") != 0)
+            QSKIP("no tmpfs in a private mount namespace here (needs CAP_SYS_ADMIN)");
+    }
     const QString area = app + "/project";
     const QString fonts = app + "/font";
+    const QString userArea = data + "/userfile";
     if (areaPresent)
         QVERIFY(writeSized(area + "/#BKCompreProj.bin", 300000) && writeSized(area + "/res/setup.ini", 900));
+    // A missing project area counts as the empty one the check makes.
+    QVERIFY(QDir().mkpath(area));
+    const qint64 areaSize = treeSize(area);
+    QVERIFY(areaPresent || QDir().rmdir(area));
     QVERIFY(writeSized(fonts + "/simsun.ttf", 200000) && writeSized(fonts + "/fontdir/fonts.dir", 3000));
     QVERIFY(writeSized(fonts + "/project.ttf", 50000));
-    // User files and a runtime copy far larger than the area: counting either shows.
+    QVERIFY(testenv::writeFile(userArea + "/old/a.bin", QByteArray(1 << 20, 'o')) && writeSized(userArea + "/b.txt", 5000));
+    // The user files go to their area, a runtime copy beside the project to the runtime.
     const QString prefix = "proj/" + variant;
-    QVERIFY(writeSized(prefix + "project.bin", 1000) && writeSized(prefix + "DownLoadFile/user.bin", 64 << 20));
+    const QString user = prefix + "DownLoadFile";
+    QVERIFY(writeSized(prefix + "project.bin", 0) && writeSized(user + "/data/user.bin", 0));
     QVERIFY(writeSized("proj/KavoPro/" + variant + "kavo_app/bin/kavo_app", 64 << 20));
-    // A directory made later in the area measures like any new directory there.
-    qint64 areaSize = treeSize(area);
-    if (!areaPresent) {
-        QVERIFY(QDir().mkdir(app + "/scratch"));
-        areaSize = QFileInfo(app + "/scratch").size();
-        QVERIFY(QDir().rmdir(app + "/scratch"));
-    }
     // The old project and the fonts other than the panel's own count as free.
-    const qint64 free = QStorageInfo(app).bytesAvailable();
-    const qint64 available = free - 2048 + areaSize + treeSize(fonts) - treeSize(fonts + "/simsun.ttf")
-                             - treeSize(fonts + "/fontdir");
-    const auto need = [&] {
-        return treeSize(prefix) - treeSize(prefix + "DownLoadFile")
-               - (variant.isEmpty() ? treeSize("proj/KavoPro") : 0);
-    };
-    const qint64 target = available - 4194303 + shift;
-    QVERIFY(growBy(prefix + "project.bin", target - need()));
-    QCOMPARE(need(), target);
+    const qint64 available = QStorageInfo(app).bytesAvailable() - 2048 + areaSize + treeSize(fonts)
+                             - treeSize(fonts + "/simsun.ttf") - treeSize(fonts + "/fontdir");
+    const qint64 projectNeed = treeSize(prefix) - treeSize(user) - (variant.isEmpty() ? treeSize("proj/KavoPro") : 0);
+    const qint64 userFree = QStorageInfo(userArea).bytesAvailable() - 2097152 + (clear ? treeSize(userArea) : 0);
+    QVERIFY(QFile::resize(prefix + "project.bin", available - 4194303 + projectShift - projectNeed));
+    QVERIFY(QFile::resize(user + "/data/user.bin", userFree + userShift - treeSize(user)));
     m_download->m_variantDir = variant;
-
-    QCOMPARE(m_download->isDiskSpaceEnough(), shift < 0);
-    QVERIFY(m_download->events.isEmpty() && QFileInfo(area).isDir());
-    QCOMPARE(treeSize(area), areaSize);
-    QCOMPARE(QStorageInfo(app).bytesAvailable(), free);
-}
-
-void tst_DownloadChecks::userFileArea_data()
-{
-    // need - (free - 2 MiB [+ used when clearing]).
-    QTest::addColumn<bool>("clear");
-    QTest::addColumn<qint64>("shift");
-    QTest::addColumn<bool>("result");
-    QTest::newRow("flag clear: need equals free") << false << Q_INT64_C(0) << true;
-    QTest::newRow("flag clear: need one byte over free") << false << Q_INT64_C(1) << false;
-    QTest::newRow("flag set: need equals used plus free") << true << Q_INT64_C(0) << true;
-    QTest::newRow("flag set: free alone suffices, still cleared") << true << Q_INT64_C(-1100000) << true;
-    QTest::newRow("flag set: one byte over used plus free") << true << Q_INT64_C(1) << false;
-}
-
-void tst_DownloadChecks::userFileArea()
-{
-    QFETCH(bool, clear);
-    QFETCH(qint64, shift);
-    QFETCH(bool, result);
-    const QString area = m_panel->path("/data/userfile");
-    if (!m_privateMounts || mount("tmpfs", QFile::encodeName(m_panel->path("/data")).constData(), "tmpfs", 0, "size=4m"))
-        QSKIP("no tmpfs in a private mount namespace here (needs CAP_SYS_ADMIN)");
-    QVERIFY(testenv::writeFile(area + "/old/a.bin", QByteArray(1 << 20, 'o')) && writeSized(area + "/b.txt", 5000));
-    const QString user = "proj/v7/DownLoadFile";
-    QVERIFY(writeSized(user + "/data/user.bin", 100) && writeSized("proj/v7/project.bin", 100));
-    const qint64 free = QStorageInfo(area).bytesAvailable() - 2097152;
-    const qint64 target = (clear ? free + treeSize(area) : free) + shift;
-    QVERIFY(growBy(user + "/data/user.bin", target - treeSize(user)));
-    QCOMPARE(treeSize(user), target);
     m_download->m_clearUserDir = clear;
 
-    QCOMPARE(m_download->checkUserFileArea(), result);
-    const bool cleared = clear && result;
-    QCOMPARE(m_download->events, cleared ? (QStringList{"text: " + msg(2046), "text: " + msg(2047)}) : QStringList());
-    QCOMPARE(QFile::exists(area + "/old/a.bin"), !cleared);
+    QCOMPARE(m_download->isDiskSpaceEnough(), projectShift < 0);
     QVERIFY(QFileInfo(area).isDir());
+    QCOMPARE(treeSize(area), areaSize);
+    const bool cleared = clear && userShift <= 0;
+    QCOMPARE(m_download->checkUserFileArea(), userShift <= 0);
+    QCOMPARE(m_download->events, cleared ? (QStringList{"text: " + msg(2046), "text: " + msg(2047)}) : QStringList());
+    QCOMPARE(QFile::exists(userArea + "/old/a.bin"), !cleared);
+    QVERIFY(QFileInfo(userArea).isDir());
 }
 
 QTEST_GUILESS_MAIN(tst_DownloadChecks)
