@@ -87,9 +87,8 @@ void tst_interactive::downloadByHand()
     QVERIFY(kit::makePanel(panel.root(), panelSpec) && kit::writePackage(stick.path(), package)
             && kit::writeProject(stick.path(), project));
 
-    // Measured in the package root, where the executable starts.
-    QVERIFY(QDir::setCurrent(stick.path()));
-    QMap<QString, QPoint> at; // where to touch, by button
+    QVERIFY(QDir::setCurrent(stick.path())); // the package root, where the executable starts
+    QMap<QString, QPoint> at;                // where to touch, by button
     dlgUpNote note(stick.path() + QStringLiteral("/opxupdateu"), QStringLiteral("0000"));
     at["yes"] = centreOf(note, QStringLiteral("upBtnOk"));
     PwdEntryDialog password(nullptr, msg);
@@ -147,6 +146,8 @@ void tst_interactive::downloadByHand()
     };
 
     QVERIFY(click(msg(2000) + QLatin1Char(' ') + package.version, "yes"));
+    // The note's backdrop covers the screen also without a window manager to carry out its full-screen state.
+    QCOMPARE(window(QStringLiteral("MainWindow")), QRect(0, 0, 1024, 768));
     for (const char* key : {"2", "4", "6", "8"})
         QVERIFY(click(msg(1011), key));
     QVERIFY(click(msg(2000), "download"));
