@@ -8,7 +8,6 @@
 #include "tools/kit/stick.h"
 
 #include "boxanswerer.h"
-#include "recordingdownload.h"
 #include "testenv.h"
 
 #include <QTextEdit>
@@ -34,21 +33,14 @@ kit::RuntimeSpec packageRuntime(const QString& version)
     return spec;
 }
 
-
 // Stops the sequence as the dialog hides, as the updater's SIGTERM does on the panel.
-class StopOnHide : public QObject
+struct StopOnHide : QObject
 {
-public:
-    explicit StopOnHide(dlgDownLoad& dialog) { dialog.installEventFilter(this); }
     bool hidden = false;
-
-protected:
     bool eventFilter(QObject* watched, QEvent* event) override
     {
-        if (event->type() == QEvent::Hide) {
-            hidden = true;
-            static_cast<dlgDownLoad*>(watched)->m_stop = true;
-        }
+        if (event->type() == QEvent::Hide)
+            hidden = static_cast<dlgDownLoad*>(watched)->m_stop = true;
         return false;
     }
 };
@@ -108,10 +100,8 @@ void tst_updater::handOver_data()
     row("malformed list line", 10, all, "malformed", failed, "7.1.0", "line 5 of");
     row("description not scrambled", 10, all, "plain", failed, "7.1.0", "is not a scrambled runtime description");
     row("run ignoring SIGTERM", 10, all, "ignoring-term", updated, "7.2.7", "did not end within 5000 ms of SIGTERM; killing it");
-    row("arguments in another order", 10, all, "", {"-project 0 proj", "-lanID 0003"}, "7.2.7", "runtime updated",
-        {"-qws", "-lanID 0003", "-product KavoPro", "-project {ROOT} proj"});
-    row("values as the next arguments", 10, all, "", updated, "7.2.7", "runtime updated",
-        {"-project", "{ROOT} proj", "-product", "KavoPro", "-lanID", "0001"});
+    row("arguments in another order, values apart", 10, all, "", {"-project 0 proj", "-lanID 0003"}, "7.2.7",
+        "runtime updated", {"-qws", "-lanID", "0003", "-product KavoPro", "-project", "{ROOT} proj"});
     row("root from the updater's place", 10, all, "", updated, "7.2.7", "no package root given",
         {"-project proj", "-product KavoPro", "-lanID 0001"});
     row("product missing", 10, all, "", {"-project 1 proj", "-lanID 0002"}, "7.1.0", "incomplete arguments",
@@ -138,9 +128,7 @@ void tst_updater::handOver()
     kit::PanelSpec panelSpec;
     panelSpec.cpuArch = qMax(cpuArch, 5);
     panelSpec.runtime.version = "7.1.0";
-    kit::PackageSpec package;
-    package.helper = qEnvironmentVariable("OPX_HELPER");
-    QVERIFY(kit::makePanel(panel, panelSpec) && kit::writePackage(stick, package));
+    QVERIFY(kit::makePanel(panel, panelSpec) && kit::writePackage(stick, {QString(), qEnvironmentVariable("OPX_HELPER")}));
     QVERIFY(cpuArch >= 0 || QFile::remove(panel + "/lib/libc.so.6"));
     const QMap<QString, QString> versions{{"v7/", "7.2.7"}, {"v5/", "7.2.5"}, {"", "7.2.0"}};
     for (const QString& layout : layouts)
@@ -205,9 +193,6 @@ void tst_updater::handOver()
         expected.insert("version." + installed, kit::md5List(spec.files));
     }
     QCOMPARE(snapshot(app), expected);
-    // The resumed download checks the installed runtime with md5sum: it must pass.
-    RecordingDownload probe;
-    QVERIFY(probe.checkAppIntegrity(INSTALLED_APP, qPrintable(app)));
 }
 
 void tst_updater::updatesRuntimeThenDownloads()
@@ -215,7 +200,6 @@ void tst_updater::updatesRuntimeThenDownloads()
     QVERIFY(testenv::loadBuiltinTexts());
     testenv::TempPanel panel;
     QTemporaryDir stick;
-    const QString previousDir = QDir::currentPath();
     kit::PanelSpec panelSpec;
     panelSpec.runtime.version = QStringLiteral("7.1.0");
     kit::ProjectSpec project;
@@ -229,7 +213,8 @@ void tst_updater::updatesRuntimeThenDownloads()
         dialog.setProjectName(project.name);
         dialog.show();
         QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-        StopOnHide stopper(dialog);
+        StopOnHide stopper;
+        dialog.installEventFilter(&stopper);
         testenv::BoxAnswerer answerer({}, QMessageBox::Yes);
         dialog.clickedStartBt();
         QVERIFY(answerer.seen().size() == 1 && answerer.seen().first().title + answerer.seen().first().text == msg(2034) + msg(2033).arg("7.1.0", "7.2.1"));
@@ -238,7 +223,6 @@ void tst_updater::updatesRuntimeThenDownloads()
         const QString pane = dialog.findChild<QTextEdit*>(QStringLiteral("textEdit"))->toPlainText();
         QVERIFY2(pane.contains(msg(2022)) && !pane.contains(msg(2044)), qPrintable(pane));
     }
-    QDir::setCurrent(previousDir);
 
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(panel.path("/var/run/reboot-requested")), 60000);
     QCOMPARE(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"));
