@@ -1,6 +1,5 @@
-// The runtime updater as the download starts it, one hand-over a row, with
-// stand-ins for the package started again and for the run that handed over;
-// then the whole loop: dialog, real updater, real package resumed, reboot.
+// The runtime updater as the download starts it, one hand-over a row, with stand-ins for the package started
+// again and for the run that handed over; then the whole loop: dialog, real updater, real package resumed, reboot.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
 #include "tools/kit/panel.h"
@@ -78,8 +77,8 @@ void tst_updater::handOver_data()
     const QStringList handOver{"-project {ROOT} proj", "-product KavoPro", "-lanID 0001"};
     const QStringList updated{"-project 0 proj", "-lanID 0001"};
     const QStringList failed{"-project 1 proj", "-lanID 0001"};
-    auto row = [&](const char* name, int arch, const QString& fault, const QStringList& record, const QString& installed,
-                   const QString& diagnostic, const QStringList& arguments = {}, int exitCode = 0) {
+    auto row = [&](const char* name, int arch, const QString& fault, const QStringList& record,
+                   const QString& installed, const QString& diagnostic, const QStringList& arguments = {}, int exitCode = 0) {
         QTest::newRow(name) << arch << fault << (arguments.isEmpty() ? handOver : arguments) << exitCode << record << installed << diagnostic;
     };
     row("ARMv7 panel takes v7", 10, "", updated, "7.2.7", "runtime updated");
@@ -88,14 +87,14 @@ void tst_updater::handOver_data()
     row("no C library", -1, "", failed, "7.1.0", "cannot tell the panel's platform");
     // The faulty file sorts last; refused names have real files with the right MD5.
     row("file differs", 10, "differs", failed, "7.1.0", "share/new.dat differs from its MD5 list");
-    row("file missing", 10, "without v7/kavo_app/share/new.dat", failed, "7.1.0", "the runtime copy lacks share/new.dat");
-    row("name leaves the copy", 10, "name ../outside.dat", failed, "7.1.0", "../outside.dat leaving the runtime directory");
+    row("file missing", 10, "without v7/kavo_app/share/new.dat", failed, "7.1.0", "copy lacks share/new.dat");
+    row("name leaves the copy", 10, "name ../outside.dat", failed, "7.1.0", "leaving the runtime directory");
     row("absolute name", 10, "name {ROOT}outside.dat", failed, "7.1.0", "names the absolute name /");
     row("name in the project", 10, "name project/project.bin", failed, "7.1.0", "inside the panel's project directory");
     row("md5 list missing", 10, "without v7/kavo_app/version.7.2.7", failed, "7.1.0", "cannot read the MD5 list");
     row("malformed list line", 10, "malformed", failed, "7.1.0", "line 5 of");
     row("description not scrambled", 10, "plain", failed, "7.1.0", "is not a scrambled runtime description");
-    row("run ignoring SIGTERM", 10, "ignoring-term", updated, "7.2.7", "did not end within 5000 ms of SIGTERM; killing it");
+    row("run ignoring SIGTERM", 10, "ignoring-term", updated, "7.2.7", "within 5000 ms of SIGTERM; killing it");
     row("arguments in another order, values apart", 10, "", {"-project 0 proj", "-lanID 0003"}, "7.2.7",
         "runtime updated", {"-qws", "-lanID", "0003", "-product KavoPro", "-project", "{ROOT} proj"});
     row("root from the updater's place", 10, "", updated, "7.2.7", "no package root given",
@@ -125,17 +124,17 @@ void tst_updater::handOver()
     panelSpec.runtime.version = "7.1.0";
     QVERIFY(kit::makePanel(panel, panelSpec) && kit::writePackage(stick, {QString(), qEnvironmentVariable("OPX_HELPER")}));
     QVERIFY(cpuArch >= 0 || QFile::remove(panel + "/lib/libc.so.6"));
+    const QString kavoPro = stick + "/proj/KavoPro/", copy = kavoPro + "v7/kavo_app";
     const QMap<QString, QString> versions{{"v7/", "7.2.7"}, {"v5/", "7.2.5"}, {"", "7.2.0"}};
     for (const QString& layout : versions.keys())
         QVERIFY(fault == "without " + layout
-                || kit::writeRuntime(stick + "/proj/KavoPro/" + layout + "kavo_app", packageRuntime(versions.value(layout)), true));
-    const QString copy = stick + "/proj/KavoPro/v7/kavo_app";
+                || kit::writeRuntime(kavoPro + layout + "kavo_app", packageRuntime(versions.value(layout)), true));
     const QString name = fault.mid(5).replace("{ROOT}", stick + '/');
     QFile list(copy + "/version.7.2.7");
     if (fault.startsWith("name ")) // a refused name for a file that is there, with its MD5
         QVERIFY(kit::writeFile(name.startsWith('/') ? name : copy + '/' + name, "x") && list.open(QIODevice::Append) && list.write(QCryptographicHash::hash("x", QCryptographicHash::Md5).toHex() + "  " + name.toUtf8() + '\n'));
     QVERIFY(fault != "differs" || kit::writeFile(copy + "/share/new.dat", "damaged on the stick\n"));
-    QVERIFY(!fault.startsWith("without v7/kavo_app/") || QFile::remove(stick + "/proj/KavoPro/" + fault.mid(8)));
+    QVERIFY(!fault.startsWith("without v7/kavo_app/") || QFile::remove(kavoPro + fault.mid(8)));
     QVERIFY(fault != "malformed" || (list.open(QIODevice::Append) && list.write("0123456789abcdef not a checksum line\n")));
     QVERIFY(fault != "plain" || kit::writeFile(copy + "/update.ini", kit::updateIniText(packageRuntime("7.2.7"))));
     list.close();
@@ -206,7 +205,6 @@ void tst_updater::updatesRuntimeThenDownloads()
         dialog.setPackageRoot(stick.path());
         dialog.setProjectName(project.name);
         dialog.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&dialog));
         StopOnHide stopper;
         dialog.installEventFilter(&stopper);
         testenv::BoxAnswerer answerer({}, QMessageBox::Yes);
@@ -218,8 +216,7 @@ void tst_updater::updatesRuntimeThenDownloads()
         QVERIFY2(pane.contains(msg(2022)) && !pane.contains(msg(2044)), qPrintable(pane));
     }
 
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(panel.path("/var/run/reboot-requested")), 60000);
-    QCOMPARE(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"), 60000);
     QCOMPARE(kit::readRuntimeDescription(panel.path("/usr/kavo_app/update.ini")).version, QStringLiteral("7.2.1"));
     QStringList expected;
     for (const kit::PackageFile& file : project.files)
