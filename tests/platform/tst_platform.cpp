@@ -1,7 +1,5 @@
-// The platform layer on a simulated panel: path relocation, the closed
-// functions, and the platform-code reader on real and stand-in ARM libraries,
-// attribute encodings and damaged input (-1, never a read past the end under
-// the sanitizer).
+// The platform layer on a simulated panel: path relocation, the closed functions, and the platform-code
+// reader on real and stand-in ARM libraries, attribute encodings and damaged input (-1, never a read past the end).
 #include "platform/kavo_api.h"
 #include "platform/platform.h"
 #include "platform/sim/elfarch.h"
@@ -18,11 +16,10 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
-const char kArmhfLibc[] = "/usr/arm-linux-gnueabihf/lib/libc.so.6";
 const char kArmelLibc[] = "/usr/arm-linux-gnueabi/lib/libc.so.6";
 constexpr int kShoff = 32, kShentsize = 46, kShnum = 48, kShstrndx = 50; // offsets into the ELF header
 
@@ -88,9 +85,7 @@ void tst_Platform::panelPaths_data()
     // ".." never climbs out; the refused form lies below a device file.
     const QString refused = "/dev/null/outside-panel-root";
     const QByteArray rb = r.toUtf8();
-    QTest::newRow("unset root") << QByteArray() << ini << ini;
     QTest::newRow("root is /") << QByteArray("/") << ini << ini;
-    QTest::newRow("absolute") << rb << ini << r + ini;
     QTest::newRow("root with trailing /, path with one") << rb + "/" << "/usr/kavo_app/" << r + "/usr/kavo_app/";
     QTest::newRow("relative path") << rb << "language/0000.lan" << "language/0000.lan";
     QTest::newRow("//proc/1/cmdline") << rb << "//proc/1/cmdline" << "//proc/1/cmdline";
@@ -132,14 +127,14 @@ void tst_Platform::relativeRoot()
     QCOMPARE(QString::fromStdString(platform::panelPath("/usr")) + platform::panelPath(static_cast<const char*>(nullptr)).c_str(), root + "/usr");
 }
 
-// Calls a line apart: dirs, create/delete PATH, delsave MASK, stick PATH (writes
-// "abc"), pid TEXT (then: runs?), stop, lock, reboot, failedreboot. {R}: the root.
+// Calls a line apart: dirs, create/delete PATH, stick PATH (writes "abc"), pid TEXT
+// (then: runs?), stop, lock, reboot (fails). {R}: the root.
 void tst_Platform::simulatedFunctions_data()
 {
     QTest::addColumn<QString>("calls");
     QTest::addColumn<QString>("env");        // "NAME=value"
     QTest::addColumn<QString>("expected");   // what the calls gave, a blank apart
-    QTest::addColumn<QStringList>("checks"); // "path" exists, "!path" does not, "path=content"
+    QTest::addColumn<QStringList>("checks"); // "path" exists, "!path" does not
     auto row = [](const char* name, const QString& calls, const QString& env, const QString& expected,
                   const QStringList& checks = {}) { QTest::newRow(name) << calls << env << expected << checks; };
     row("directories", "dirs", "", "|{R}/usr/kavo_app||{R}/data|{R}/usr/kavo_app/project|{R}/usr/kavo_app/font|{R}/data/userfile|");
@@ -147,21 +142,12 @@ void tst_Platform::simulatedFunctions_data()
     row("create below a file, or nothing", "create {R}/tree/f/sub\ncreate \ndelete ", "", "-1 -1 -1 -1 -1");
     // Links go with the tree; what they point to stays.
     row("delete a tree", "delete {R}/tree/\ndelete {R}/missing/too", "KAVO_SIM_DELETEDIR_FAIL=0", "0 0", {"!tree", "data/f", "data/sub/f"});
-    row("delete fails", "delete {R}/tree", "KAVO_SIM_DELETEDIR_FAIL=1", "-1", {"tree/fifo", "tree/dirlink", "tree/f"});
-    row("saved data", "delsave 49", "", "0", {"data/recipe", "!data/recipe/f", "!data/recipe/sub", "data/history/f"});
-    row("saved data, all four", "delsave 15", "KAVO_SIM_DELSAVEDATA_FAIL=x", "0", {"!data/history/f", "!data/alarm/f", "!data/initvalue/f"});
-    row("saved data, faults", "delsave 7", "KAVO_SIM_DELSAVEDATA_FAIL=0xa", "2", {"!data/recipe/f", "data/history/f", "!data/alarm/f"});
-    row("stick", "stick opxbackup/b.bin\nstick missing/b.bin", "KAVO_UDISK_ROOT={R}", "0 -1", {"opxbackup/b.bin=abc"});
     // Without KAVO_UDISK_ROOT the stick is the parent of the executable's directory.
     row("stick of the executable", "stick " + QFileInfo(QCoreApplication::applicationDirPath()).fileName() + "/b.bin", "", "0");
     row("file lock", "lock", "", "1 0 0 -1 0 0");
     // A damaged pid file never names init or a process group.
     row("runtime by its pid file", "stop\npid {live}\npid  {live} \npid \npid {live} 1\npid -{live}\npid 1\npid 0\npid 99999999999", "", "0 0 1 1 0 0 0 0 0 0");
-    row("stop refused", "pid {live}\nstop", "KAVO_SIM_REFUSE_STOP=1", "1 -1 1");
-    row("stop", "pid {live}\nstop", "", "1 0 0");
-    row("reboot creates var/run", "reboot\nreboot", "RUN=none", "0 0", {"var/run/reboot-requested=reboot\nreboot\n"});
-    row("reboot fails with errno 5", "failedreboot", "KAVO_SIM_REBOOT_ERRNO=5", "5", {"!var/run/reboot-requested"});
-    row("reboot cannot record", "failedreboot", "RUN=file", QString::number(ENOTDIR));
+    row("reboot cannot record", "reboot", "RUN=file", QString::number(ENOTDIR));
 }
 
 void tst_Platform::simulatedFunctions()
@@ -172,11 +158,10 @@ void tst_Platform::simulatedFunctions()
     QFETCH(QStringList, checks);
     testenv::TempPanel panel;
     const QString r = panel.root();
-    for (const char* dir : {"/data/recipe", "/data/history", "/data/alarm", "/data/initvalue", "/tree", "/data"})
+    for (const char* dir : {"/tree", "/data"})
         QVERIFY(testenv::writeFile(r + dir + "/f", "f") && testenv::writeFile(r + dir + "/sub/f", "f"));
     QVERIFY(QFile::link(r + "/data", r + "/tree/dirlink") && QFile::link(r + "/data/f", r + "/tree/sub/link"));
-    QVERIFY(mkfifo(QFile::encodeName(r + "/tree/fifo").constData(), 0600) == 0 && QDir().mkpath(r + "/opxbackup"));
-    QVERIFY(env != "RUN=none" || QDir(r + "/var").removeRecursively());
+    QVERIFY(mkfifo(QFile::encodeName(r + "/tree/fifo").constData(), 0600) == 0);
     QVERIFY(env != "RUN=file" || (QDir(r + "/var").removeRecursively() && testenv::writeFile(r + "/var/run", "x")));
     const QByteArray name = env.section('=', 0, 0).toUtf8();
     qputenv(name.constData(), QString(env.section('=', 1)).replace("{R}", r).toUtf8());
@@ -199,12 +184,10 @@ void tst_Platform::simulatedFunctions()
             put(function(arg.isEmpty() ? nullptr : arg.constData()));
             if (arg.isEmpty())
                 put(function(""));
-        } else if (verb == "delsave") {
-            put(Kavo_DelSaveData(arg.toInt(), 0));
         } else if (verb == "stick") {
             const int fd = Kavo_udisk_open(arg.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             put(fd >= 0 && write(fd, "abc", 3) == 3 && close(fd) == 0 ? 0 : -1);
-            QVERIFY(!env.isEmpty() || QFile::remove(QCoreApplication::applicationDirPath() + "/b.bin"));
+            QVERIFY(QFile::remove(QCoreApplication::applicationDirPath() + "/b.bin"));
         } else if (verb == "pid") {
             QVERIFY(testenv::writeFile(r + "/var/run/kavo_app.pid", arg));
             put(__check_application_state(0) == 0 ? 1 : 0);
@@ -222,22 +205,14 @@ void tst_Platform::simulatedFunctions()
             put(flock(other, LOCK_EX | LOCK_NB)), locker.reset(), put(flock(other, LOCK_EX | LOCK_NB));
             put(TOOL::COMMON::FileLocker(missing).locked() || TOOL::COMMON::FileLock(nullptr).fd() != -1);
             close(other);
-        } else if (verb == "reboot") { // in a child, which a reboot ends with status 0
-            fflush(nullptr);
-            const pid_t child = fork();
-            if (child == 0)
-                _exit(platform::rebootPanel() == -1 ? 100 + errno : 99);
-            int status = 0;
-            put(waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1);
-        } else if (verb == "failedreboot") {
+        } else if (verb == "reboot") {
             put(platform::rebootPanel() == -1 ? errno : 0);
         }
     }
     QCOMPARE(result.join(' '), expected.replace("{R}", r));
     for (const QString& check : checks) {
-        const QString path = r + '/' + check.section('=', 0, 0).remove(QRegularExpression("^!"));
+        const QString path = r + '/' + QString(check).remove(QRegularExpression("^!"));
         QVERIFY2((QFileInfo::exists(path) || QFileInfo(path).isSymLink()) != check.startsWith('!'), qPrintable(check));
-        QVERIFY2(!check.contains('=') || testenv::readFile(path) == check.section('=', 1).toUtf8(), qPrintable(check));
     }
 }
 
@@ -249,19 +224,14 @@ void tst_Platform::elfArch_data()
     auto file = [](const char* name, const QString& path, int expected) { QTest::newRow(name) << path << QByteArray() << expected; };
     auto image = [](const char* name, const QByteArray& data, int expected) { QTest::newRow(name) << QString() << data << expected; };
     auto attrs = [&](const char* name, const QByteArray& section, int expected) { image(name, kit::armElfImageWithSection(section), expected); };
-    QVERIFY2(QFile::exists(kArmhfLibc) && QFile::exists(kArmelLibc), "the ARM C libraries are missing: run tools/install-deps.sh");
+    QVERIFY2(QFile::exists(kArmelLibc), "the ARM C libraries are missing: run tools/install-deps.sh");
     QCOMPARE(mkfifo(QFile::encodeName(m_dir.path() + "/fifo").constData(), 0600), 0);
 
-    file("armhf libc", kArmhfLibc, 10);
     file("armel libc", kArmelLibc, 4);
     file("x86-64 executable", "/bin/true", -1);
     file("missing", m_dir.path() + "/missing.so", -1);
-    file("directory", m_dir.path(), -1);
     file("fifo, not waited for", m_dir.path() + "/fifo", -1);
-    image("kit ARMv5TEJ", kit::armElfImage(5), 5);
-    image("kit two-byte value 200", kit::armElfImage(200), 200);
     image("text file", "not an ELF file\n", -1);
-    image("found by name alone", kit::armElfImageWithSection(kit::armAttributesSection(10), 1), 10);
     image("named but without file data", kit::armElfImageWithSection(kit::armAttributesSection(10), 8), -1);
 
     // Each skipped value holds bytes that look like another Tag_CPU_arch.
@@ -269,15 +239,12 @@ void tst_Platform::elfArch_data()
     const QByteArray symbols = le32(1) + QByteArray(1, '\0') + tag(6, uleb(3)); // a symbol list, then a value
     attrs("after Tag_CPU_raw_name", fileAttributes(tag(4, text("a\x06\x03")) + arch10), 10);
     attrs("after Tag_compatibility", fileAttributes(tag(32, uleb(1) + text("\x06\x04")) + arch10), 10);
-    attrs("after Tag_also_compatible_with", fileAttributes(tag(65, text("\x06\x05")) + arch10), 10);
     attrs("after unknown odd tag 69", fileAttributes(tag(69, text("\x06\x07")) + arch10), 10);
     attrs("after unknown even tag 68", fileAttributes(tag(68, QByteArray("\x86\x06", 2)) + arch10), 10);
-    attrs("tag number beyond 64 bits", fileAttributes(QByteArray(11, '\xff') + QByteArray("\x01", 1) + text("x") + arch10), 10);
     attrs("scope tag unterminated", "A" + vendor("aeabi", QByteArray("\x81", 1)), -1);
     attrs("value with redundant bytes", fileAttributes(tag(6, QByteArray("\x8a\x80\x00", 3))), 10);
     attrs("value above int", fileAttributes(tag(6, uleb(quint64(1) << 31))), -1);
     attrs("value beyond 64 bits", fileAttributes(tag(6, QByteArray(12, '\xff') + QByteArray("\x01", 1))), -1);
-    attrs("section scope first", "A" + vendor("aeabi", scope(2, symbols) + scope(1, arch10)), 10);
     attrs("symbol scope only", "A" + vendor("aeabi", scope(3, symbols)), -1);
     attrs("second file scope", "A" + vendor("aeabi", scope(1, tag(8, uleb(1))) + scope(1, arch10)), 10);
     attrs("other vendor first", "A" + vendor("gnu", scope(1, tag(6, uleb(3)))) + vendor("aeabi", scope(1, arch10)), 10);
@@ -289,14 +256,12 @@ void tst_Platform::elfArch_data()
     attrs("scope length below its header", "A" + vendor("aeabi", uleb(1) + le32(4) + arch10), -1);
     attrs("scope length past vendor", "A" + vendor("aeabi", uleb(1) + le32(100) + arch10), -1);
     attrs("value unterminated", fileAttributes(tag(6, QByteArray("\x8a", 1))), -1);
-    attrs("text unterminated", fileAttributes(tag(5, QByteArray("7-A"))), -1);
     attrs("compatibility name unterminated", fileAttributes(tag(32, uleb(1) + QByteArray("gnu"))), -1);
 
     // Damaged headers. Section 0 is reserved, 1 holds the attributes, 2 the section names.
     const QByteArray good = kit::armElfImage(10);
     const QByteArray byName = kit::armElfImageWithSection(kit::armAttributesSection(10), 1);
     const int h = -1;
-    image("64-bit class", patched(good, {{h, 4, 1, 2}}), -1);
     image("big-endian", patched(good, {{h, 5, 1, 2}}), -1);
     image("x86 machine", patched(good, {{h, 18, 2, 3}}), -1);
     image("table offset 0xffffffff", patched(good, {{h, kShoff, 4, 0xffffffff}}), -1);
@@ -311,9 +276,6 @@ void tst_Platform::elfArch_data()
     image("attributes type only in section 0",
           patched(good, {{0, 4, 4, kit::kShtArmAttributes}, {0, 16, 4, 52}, {0, 20, 4, 25}, {1, 4, 4, 1}, {1, 0, 4, 17}}), -1);
     image("attributes size 0xffffffff", patched(good, {{1, 20, 4, 0xffffffff}}), -1);
-    image("attributes past end", patched(good, {{1, 16, 4, quint32(good.size() - 10)}}), -1);
-    // Real libraries end with their section header table as well.
-    image("armhf libc less 41 bytes", testenv::readFile(kArmhfLibc).chopped(41), -1);
 
     // Exactly the limit is read; one byte more is refused.
     QByteArray list;

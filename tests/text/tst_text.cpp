@@ -1,4 +1,4 @@
-// The text table: the built-in language file as stored and read back, and a language file laid over it.
+// The text table: the built-in language file byte for byte, and language files laid over it.
 #include "testenv.h"
 #include "text/multilingualmanager.h"
 
@@ -33,10 +33,7 @@ const QMap<int, QString> kQuotedTexts = {
     {2120, "工程配置文件损坏，请重新做包后重试！"},
 };
 
-// Ids whose default text nobody quotes; the built-in file still carries them.
-const QList<int> kUnquotedIds = {1002, 1006, 1007, 1009, 2003, 2004, 2024, 2025, 2027, 2029};
-constexpr int kBuiltinCount = 140;
-
+using Texts = QMap<int, QString>;
 MultilingualManager* table() { return MultilingualManager::GetInstance(); }
 
 } // namespace
@@ -46,9 +43,7 @@ class TestText : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void defaultTexts();
-    void builtinFileLayout();
+    void builtinFile();
     void loading_data();
     void loading();
 
@@ -56,90 +51,58 @@ private:
     QTemporaryDir m_dir;
 };
 
-void TestText::initTestCase()
+// CR LF, no BOM, two headers, ids in order, escapes, quotes from 2108 on; unquoted ids hold their header's name.
+void TestText::builtinFile()
 {
-    initKavoResources();
-    // LF ends; two texts replaced, an id added, a list value, a group not a number.
-    QVERIFY(testenv::writeFile(m_dir.filePath("0001.lan"), "[2005] \nstring = 项目下载\n[1000]\nstring = Achtung\n"
-                               "[2010]\nstring = eins, zwei\n[abc]\nstring = 非数字\n[3000]\nstring = \"额外\"\n"));
-    QVERIFY(testenv::readFile(":/new/prefix1/resource/img/downarrow.png").startsWith("\x89PNG\r\n\x1a\n"));
-}
-
-void TestText::defaultTexts()
-{
-    QVERIFY(table()->loadMultilingualFile(m_dir.filePath("0099.lan"), kBuiltinLanguageFile));
-    for (auto it = kQuotedTexts.cbegin(); it != kQuotedTexts.cend(); ++it)
-        QCOMPARE(table()->getMultilingualValue(it.key()), it.value());
-    for (int id : kUnquotedIds)
-        QVERIFY2(!table()->getMultilingualValue(id).isEmpty(), qPrintable(QString::number(id)));
-    QCOMPARE(table()->count(), kBuiltinCount); // every id was there: nothing added
-    // An unknown id reads empty and gets an entry of its own.
-    for (int id : {2999, 2999, -5})
-        QCOMPARE(table()->getMultilingualValue(id), QString());
-    QCOMPARE(table()->count(), kBuiltinCount + 2);
-}
-
-// CR LF, no BOM, two headers, ids in order, quoted only 2108-2120, 2006's blank, 2098's "\\".
-void TestText::builtinFileLayout()
-{
-    QByteArray raw = testenv::readFile(kBuiltinLanguageFile);
-    QVERIFY(!raw.startsWith("\xEF\xBB\xBF") && raw.endsWith("\r\n"));
-    QVERIFY(raw.count("\r\n") == raw.count('\n') && raw.count('\r') == raw.count('\n'));
-    QVERIFY(raw.contains("\r\nstring = 上传工程到U盘 \r\n") && raw.contains("opxbackup\\\\%1"));
+    QVERIFY(testenv::loadBuiltinTexts());
     QStringList expected{"#工具公共 1000~1999"};
     for (int id = 1000; id <= 2120; id = id == 1018 ? 2000 : id + 1) {
         if (id == 2000)
             expected << "" << "" << "#U盘综合功能包 2000~2999";
-        expected << QString("[%1]").arg(id) << (id >= 2108 ? "string = \"" : "string = ");
+        QString value = kQuotedTexts.value(id, id < 2000 ? "工具公共" : "U盘综合功能包") + (id == 2006 ? " " : "");
+        value.replace('\\', "\\\\").replace('\n', "\\n");
+        expected << QString("[%1]").arg(id) << "string = " + (id >= 2108 ? '"' + value + '"' : value);
     }
-    QStringList lines = QString::fromUtf8(raw).split("\r\n");
-    QCOMPARE(lines.takeLast(), QString());
-    QCOMPARE(lines.size(), expected.size());
-    for (int i = 0; i < lines.size(); ++i) {
-        const QString value = lines.at(i).mid(expected.at(i).size());
-        QVERIFY2(lines.at(i).startsWith(expected.at(i)) && !value.contains(',') && value.endsWith('"') == expected.at(i).endsWith('"')
-                     && (!value.isEmpty() || !expected.at(i).startsWith("string")), qPrintable(lines.at(i)));
-    }
+    QCOMPARE(QString::fromUtf8(testenv::readFile(kBuiltinLanguageFile)).split("\r\n"), expected << "");
 }
 
 void TestText::loading_data()
 {
     QTest::addColumn<QString>("languageFile");
     QTest::addColumn<QString>("defaultFile");
-    QTest::addColumn<bool>("loaded");
-    QTest::addColumn<int>("count");
-    QTest::addColumn<QStringList>("texts"); // "ID=text" afterwards
-
-    const QString partial = m_dir.filePath("0001.lan");
-    const QString missing = m_dir.filePath("0099.lan");
+    QTest::addColumn<Texts>("texts"); // afterwards
+    QTest::addColumn<int>("count");   // then, unknown ids asked for included; 0: not loaded
+    const QString partial = m_dir.filePath("0001.lan"), missing = m_dir.filePath("0099.lan");
     const QString builtin = kBuiltinLanguageFile;
-    const QStringList overlaid{"2005=项目下载", "1000=Achtung", "2010=", "0=非数字", "3000=额外", "2045=OPX磁盘空间不足!\n升级工程失败!"};
-    QTest::newRow("language missing, built-in") << missing << builtin << true << kBuiltinCount << QStringList{"2005=用户工程下载"};
-    QTest::newRow("no language, built-in") << QString() << builtin << true << kBuiltinCount << QStringList{"1000=警告"};
-    QTest::newRow("language missing, no default") << missing << QString() << false << 0 << QStringList();
-    QTest::newRow("language only") << partial << QString() << true << 5 << QStringList{"2005=项目下载"};
-    QTest::newRow("language, default missing") << partial << missing << true << 5 << QStringList{"3000=额外"};
-    QTest::newRow("language over built-in") << partial << builtin << true << kBuiltinCount + 2 << overlaid;
+    // LF ends; two texts replaced, an id added, a list value, a group not a number.
+    QVERIFY(testenv::writeFile(partial, "[2005] \nstring = 项目下载\n[1000]\nstring = Achtung\n"
+                                        "[2010]\nstring = eins, zwei\n[abc]\nstring = 非数字\n[3000]\nstring = \"额外\"\n"));
+    const Texts overlaid{{2005, "项目下载"}, {1000, "Achtung"}, {2010, ""}, {0, "非数字"}, {3000, "额外"},
+                         {2045, "OPX磁盘空间不足!\n升级工程失败!"}};
+    QTest::newRow("language missing, built-in") << missing << builtin << kQuotedTexts << 140;
+    QTest::newRow("no language, built-in, unknown ids") << QString() << builtin << Texts{{2999, ""}, {-5, ""}} << 142;
+    QTest::newRow("language missing, no default") << missing << QString() << Texts() << 0;
+    QTest::newRow("language only") << partial << QString() << Texts{{2005, "项目下载"}} << 5;
+    QTest::newRow("language over built-in") << partial << builtin << overlaid << 142;
 }
 
 void TestText::loading()
 {
     QFETCH(QString, languageFile);
     QFETCH(QString, defaultFile);
-    QFETCH(QStringList, texts);
+    QFETCH(Texts, texts);
+    QFETCH(int, count);
     // Each load starts from an empty table, whatever the one before held.
-    QVERIFY(table()->loadMultilingualFile(m_dir.filePath("0001.lan"), kBuiltinLanguageFile));
-    QTEST(table()->loadMultilingualFile(languageFile, defaultFile), "loaded");
-    QTEST(table()->count(), "count");
-    for (const QString& text : texts)
-        QCOMPARE(table()->getMultilingualValue(text.section('=', 0, 0).toInt()), text.section('=', 1));
-    QTEST(table()->count(), "count");
+    QVERIFY(testenv::loadBuiltinTexts());
+    QCOMPARE(table()->loadMultilingualFile(languageFile, defaultFile), count > 0);
+    for (auto it = texts.cbegin(); it != texts.cend(); ++it)
+        QCOMPARE(table()->getMultilingualValue(it.key()), it.value());
+    QCOMPARE(table()->count(), count);
 
     // Same size, rewritten at once: the file's size and time stamp do not tell the versions apart.
     for (int round = 0; round < 5 && languageFile.isNull(); ++round) {
-        const QString text = QStringLiteral("文本%1").arg(round);
-        QVERIFY(testenv::writeFile(m_dir.filePath("0002.lan"), "[2005]\r\nstring = " + text.toUtf8() + "\r\n"));
-        QVERIFY(table()->loadMultilingualFile(m_dir.filePath("0002.lan"), kBuiltinLanguageFile));
+        const QString text = QStringLiteral("文本%1").arg(round), lan = m_dir.filePath("0002.lan");
+        QVERIFY(testenv::writeFile(lan, "[2005]\nstring = " + text.toUtf8()) && table()->loadMultilingualFile(lan, {}));
         QCOMPARE(table()->getMultilingualValue(2005), text);
     }
 }

@@ -1,6 +1,5 @@
-// The runtime updater as the download starts it, one hand-over a row, with
-// stand-ins for the package started again and for the run that handed over;
-// then the whole loop: dialog, real updater, real package resumed, reboot.
+// The runtime updater as the download starts it, one hand-over a row, with stand-ins for the package started
+// again and for the run that handed over; then the whole loop: dialog, real updater, real package resumed, reboot.
 #include "download/dlgdownload.h"
 #include "platform/kavo_api.h"
 #include "tools/kit/panel.h"
@@ -8,7 +7,6 @@
 #include "tools/kit/stick.h"
 
 #include "boxanswerer.h"
-#include "recordingdownload.h"
 #include "testenv.h"
 
 #include <QTextEdit>
@@ -34,21 +32,14 @@ kit::RuntimeSpec packageRuntime(const QString& version)
     return spec;
 }
 
-
 // Stops the sequence as the dialog hides, as the updater's SIGTERM does on the panel.
-class StopOnHide : public QObject
+struct StopOnHide : QObject
 {
-public:
-    explicit StopOnHide(dlgDownLoad& dialog) { dialog.installEventFilter(this); }
     bool hidden = false;
-
-protected:
     bool eventFilter(QObject* watched, QEvent* event) override
     {
-        if (event->type() == QEvent::Hide) {
-            hidden = true;
-            static_cast<dlgDownLoad*>(watched)->m_stop = true;
-        }
+        if (event->type() == QEvent::Hide)
+            hidden = static_cast<dlgDownLoad*>(watched)->m_stop = true;
         return false;
     }
 };
@@ -76,54 +67,47 @@ void tst_updater::initTestCase()
 void tst_updater::handOver_data()
 {
     QTest::addColumn<int>("cpuArch");           // of the panel; -1: no C library to tell it
-    QTest::addColumn<QStringList>("layouts");   // runtime copies on the stick: "v7/", "v5/", ""
-    QTest::addColumn<QString>("fault");         // done to the copy of the panel's variant
+    QTest::addColumn<QString>("fault");         // done to the copies on the stick (KavoPro/...)
     QTest::addColumn<QStringList>("arguments"); // {ROOT} the package root with its "/"
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QStringList>("record");    // the restart's arguments; empty: not started
     QTest::addColumn<QString>("installed");     // the runtime version afterwards
     QTest::addColumn<QString>("diagnostic");    // on standard error
 
-    const QStringList all{"v7/", "v5/", ""};
     const QStringList handOver{"-project {ROOT} proj", "-product KavoPro", "-lanID 0001"};
     const QStringList updated{"-project 0 proj", "-lanID 0001"};
     const QStringList failed{"-project 1 proj", "-lanID 0001"};
-    auto row = [&](const char* name, int arch, const QStringList& layouts, const QString& fault, const QStringList& record,
+    auto row = [&](const char* name, int arch, const QString& fault, const QStringList& record,
                    const QString& installed, const QString& diagnostic, const QStringList& arguments = {}, int exitCode = 0) {
-        QTest::newRow(name) << arch << layouts << fault << (arguments.isEmpty() ? handOver : arguments) << exitCode << record << installed << diagnostic;
+        QTest::newRow(name) << arch << fault << (arguments.isEmpty() ? handOver : arguments) << exitCode << record << installed << diagnostic;
     };
-    row("ARMv7 panel takes v7", 10, all, "", updated, "7.2.7", "runtime updated");
-    row("ARMv5 panel takes v5", 5, all, "", updated, "7.2.5", "runtime updated");
-    row("other panel takes the plain layout", 7, all, "", updated, "7.2.0", "runtime updated");
-    row("ARMv5 panel, v7 and plain only", 5, {"v7/", ""}, "", failed, "7.1.0", "no runtime copy of KavoPro in");
-    row("ARMv7 panel, plain only", 10, {""}, "", failed, "7.1.0", "only KavoPro/v7/kavo_app counts");
-    row("no C library", -1, all, "", failed, "7.1.0", "cannot tell the panel's platform");
+    row("ARMv7 panel takes v7", 10, "", updated, "7.2.7", "runtime updated");
+    row("other panel takes the plain layout", 7, "", updated, "7.2.0", "runtime updated");
+    row("ARMv5 panel without v5", 5, "without v5/", failed, "7.1.0", "no runtime copy of KavoPro in");
+    row("no C library", -1, "", failed, "7.1.0", "cannot tell the panel's platform");
     // The faulty file sorts last; refused names have real files with the right MD5.
-    row("file differs", 10, all, "differs", failed, "7.1.0", "share/new.dat differs from its MD5 list");
-    row("file missing", 10, all, "missing", failed, "7.1.0", "the runtime copy lacks share/new.dat");
-    row("name leaves the copy", 10, all, "../outside.dat", failed, "7.1.0", "../outside.dat leaving the runtime directory");
-    row("absolute name", 10, all, "{ROOT}outside.dat", failed, "7.1.0", "names the absolute name /");
-    row("name in the project", 10, all, "project/project.bin", failed, "7.1.0", "inside the panel's project directory");
-    row("md5 list missing", 10, all, "nolist", failed, "7.1.0", "cannot read the MD5 list");
-    row("malformed list line", 10, all, "malformed", failed, "7.1.0", "line 5 of");
-    row("description not scrambled", 10, all, "plain", failed, "7.1.0", "is not a scrambled runtime description");
-    row("run ignoring SIGTERM", 10, all, "ignoring-term", updated, "7.2.7", "did not end within 5000 ms of SIGTERM; killing it");
-    row("arguments in another order", 10, all, "", {"-project 0 proj", "-lanID 0003"}, "7.2.7", "runtime updated",
-        {"-qws", "-lanID 0003", "-product KavoPro", "-project {ROOT} proj"});
-    row("values as the next arguments", 10, all, "", updated, "7.2.7", "runtime updated",
-        {"-project", "{ROOT} proj", "-product", "KavoPro", "-lanID", "0001"});
-    row("root from the updater's place", 10, all, "", updated, "7.2.7", "no package root given",
+    row("file differs", 10, "differs", failed, "7.1.0", "share/new.dat differs from its MD5 list");
+    row("file missing", 10, "without v7/kavo_app/share/new.dat", failed, "7.1.0", "copy lacks share/new.dat");
+    row("name leaves the copy", 10, "name ../outside.dat", failed, "7.1.0", "leaving the runtime directory");
+    row("absolute name", 10, "name {ROOT}outside.dat", failed, "7.1.0", "names the absolute name /");
+    row("name in the project", 10, "name project/project.bin", failed, "7.1.0", "inside the panel's project directory");
+    row("md5 list missing", 10, "without v7/kavo_app/version.7.2.7", failed, "7.1.0", "cannot read the MD5 list");
+    row("malformed list line", 10, "malformed", failed, "7.1.0", "line 5 of");
+    row("description not scrambled", 10, "plain", failed, "7.1.0", "is not a scrambled runtime description");
+    row("run ignoring SIGTERM", 10, "ignoring-term", updated, "7.2.7", "within 5000 ms of SIGTERM; killing it");
+    row("arguments in another order, values apart", 10, "", {"-project 0 proj", "-lanID 0003"}, "7.2.7",
+        "runtime updated", {"-qws", "-lanID", "0003", "-product KavoPro", "-project", "{ROOT} proj"});
+    row("root from the updater's place", 10, "", updated, "7.2.7", "no package root given",
         {"-project proj", "-product KavoPro", "-lanID 0001"});
-    row("product missing", 10, all, "", {"-project 1 proj", "-lanID 0002"}, "7.1.0", "incomplete arguments",
+    row("product missing", 10, "", {"-project 1 proj", "-lanID 0002"}, "7.1.0", "incomplete arguments",
         {"-project {ROOT} proj", "-lanID 0002"});
-    row("project missing", 10, all, "", {}, "7.1.0", "usage: opxupdateu_helper.bin", {"-product KavoPro", "-lanID 0001"}, 2);
-    row("package missing", 10, all, "nopackage", {}, "7.2.7", "cannot start", handOver, 1);
+    row("project missing", 10, "", {}, "7.1.0", "usage: opxupdateu_helper.bin", {"-product KavoPro", "-lanID 0001"}, 2);
+    row("package missing", 10, "nopackage", {}, "7.2.7", "cannot start", handOver, 1);
 }
 
 void tst_updater::handOver()
 {
     QFETCH(int, cpuArch);
-    QFETCH(QStringList, layouts);
     QFETCH(QString, fault);
     QFETCH(QStringList, arguments);
     QFETCH(QStringList, record);
@@ -138,21 +122,19 @@ void tst_updater::handOver()
     kit::PanelSpec panelSpec;
     panelSpec.cpuArch = qMax(cpuArch, 5);
     panelSpec.runtime.version = "7.1.0";
-    kit::PackageSpec package;
-    package.helper = qEnvironmentVariable("OPX_HELPER");
-    QVERIFY(kit::makePanel(panel, panelSpec) && kit::writePackage(stick, package));
+    QVERIFY(kit::makePanel(panel, panelSpec) && kit::writePackage(stick, {QString(), qEnvironmentVariable("OPX_HELPER")}));
     QVERIFY(cpuArch >= 0 || QFile::remove(panel + "/lib/libc.so.6"));
+    const QString kavoPro = stick + "/proj/KavoPro/", copy = kavoPro + "v7/kavo_app";
     const QMap<QString, QString> versions{{"v7/", "7.2.7"}, {"v5/", "7.2.5"}, {"", "7.2.0"}};
-    for (const QString& layout : layouts)
-        QVERIFY(kit::writeRuntime(stick + "/proj/KavoPro/" + layout + "kavo_app", packageRuntime(versions.value(layout)), true));
-    const QString copy = stick + "/proj/KavoPro/v7/kavo_app";
-    const QString name = QString(fault).replace("{ROOT}", stick + '/');
+    for (const QString& layout : versions.keys())
+        QVERIFY(fault == "without " + layout
+                || kit::writeRuntime(kavoPro + layout + "kavo_app", packageRuntime(versions.value(layout)), true));
+    const QString name = fault.mid(5).replace("{ROOT}", stick + '/');
     QFile list(copy + "/version.7.2.7");
-    if (name.contains('/')) // a refused name for a file that is there, with its MD5
+    if (fault.startsWith("name ")) // a refused name for a file that is there, with its MD5
         QVERIFY(kit::writeFile(name.startsWith('/') ? name : copy + '/' + name, "x") && list.open(QIODevice::Append) && list.write(QCryptographicHash::hash("x", QCryptographicHash::Md5).toHex() + "  " + name.toUtf8() + '\n'));
     QVERIFY(fault != "differs" || kit::writeFile(copy + "/share/new.dat", "damaged on the stick\n"));
-    QVERIFY(fault != "missing" || QFile::remove(copy + "/share/new.dat"));
-    QVERIFY(fault != "nolist" || list.remove());
+    QVERIFY(!fault.startsWith("without v7/kavo_app/") || QFile::remove(kavoPro + fault.mid(8)));
     QVERIFY(fault != "malformed" || (list.open(QIODevice::Append) && list.write("0123456789abcdef not a checksum line\n")));
     QVERIFY(fault != "plain" || kit::writeFile(copy + "/update.ini", kit::updateIniText(packageRuntime("7.2.7"))));
     list.close();
@@ -205,9 +187,6 @@ void tst_updater::handOver()
         expected.insert("version." + installed, kit::md5List(spec.files));
     }
     QCOMPARE(snapshot(app), expected);
-    // The resumed download checks the installed runtime with md5sum: it must pass.
-    RecordingDownload probe;
-    QVERIFY(probe.checkAppIntegrity(INSTALLED_APP, qPrintable(app)));
 }
 
 void tst_updater::updatesRuntimeThenDownloads()
@@ -215,12 +194,10 @@ void tst_updater::updatesRuntimeThenDownloads()
     QVERIFY(testenv::loadBuiltinTexts());
     testenv::TempPanel panel;
     QTemporaryDir stick;
-    const QString previousDir = QDir::currentPath();
     kit::PanelSpec panelSpec;
     panelSpec.runtime.version = QStringLiteral("7.1.0");
     kit::ProjectSpec project;
     project.withRuntime = true;
-    project.runtime.files.insert("bin/kavo_app", "kavo runtime application 7.2.1\n");
     QVERIFY(kit::makePanel(panel.root(), panelSpec) && kit::writeProject(stick.path(), project)
             && kit::writePackage(stick.path(), {qEnvironmentVariable("OPX_EXECUTABLE"), qEnvironmentVariable("OPX_HELPER")}));
     {
@@ -228,8 +205,8 @@ void tst_updater::updatesRuntimeThenDownloads()
         dialog.setPackageRoot(stick.path());
         dialog.setProjectName(project.name);
         dialog.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&dialog));
-        StopOnHide stopper(dialog);
+        StopOnHide stopper;
+        dialog.installEventFilter(&stopper);
         testenv::BoxAnswerer answerer({}, QMessageBox::Yes);
         dialog.clickedStartBt();
         QVERIFY(answerer.seen().size() == 1 && answerer.seen().first().title + answerer.seen().first().text == msg(2034) + msg(2033).arg("7.1.0", "7.2.1"));
@@ -238,12 +215,9 @@ void tst_updater::updatesRuntimeThenDownloads()
         const QString pane = dialog.findChild<QTextEdit*>(QStringLiteral("textEdit"))->toPlainText();
         QVERIFY2(pane.contains(msg(2022)) && !pane.contains(msg(2044)), qPrintable(pane));
     }
-    QDir::setCurrent(previousDir);
 
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(panel.path("/var/run/reboot-requested")), 60000);
-    QCOMPARE(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"), 60000);
     QCOMPARE(kit::readRuntimeDescription(panel.path("/usr/kavo_app/update.ini")).version, QStringLiteral("7.2.1"));
-    QCOMPARE(testenv::readFile(panel.path("/usr/kavo_app/bin/kavo_app")), QByteArray("kavo runtime application 7.2.1\n"));
     QStringList expected;
     for (const kit::PackageFile& file : project.files)
         expected << file.name + ' ' + QString::number(file.content.size());
