@@ -75,37 +75,36 @@ private:
 
 void tst_Platform::panelPaths_data()
 {
-    QTest::addColumn<QByteArray>("root"); // null: unset
+    QTest::addColumn<QString>("root"); // null: unset
     QTest::addColumn<QString>("path");    // "confine:" + path: confinedPanelPath
     QTest::addColumn<QString>("expected");
     const QString r = "/tmp/panel-root", ini = "/usr/kavo_app/update.ini";
     // ".." never climbs out; the refused form lies below a device file.
     const QString refused = "/dev/null/outside-panel-root";
-    const QByteArray rb = r.toUtf8();
-    QTest::newRow("root is /") << QByteArray("/") << ini << ini;
-    QTest::newRow("root with trailing /, path with one") << rb + "/" << "/usr/kavo_app/" << r + "/usr/kavo_app/";
-    QTest::newRow("relative path") << rb << "language/0000.lan" << "language/0000.lan";
-    QTest::newRow("//proc/1/cmdline") << rb << "//proc/1/cmdline" << "//proc/1/cmdline";
-    QTest::newRow("/procfoo relocated") << rb << "/procfoo" << r + "/procfoo";
-    QTest::newRow(".. inside kept") << rb << "/usr/../tmp/x" << r + "/usr/../tmp/x";
-    QTest::newRow(".. out, trailing / kept") << rb << "//tmp/./../../" << refused + "/";
-    QTest::newRow(".. on the panel itself") << QByteArray() << "/../x" << "/../x";
-    QTest::newRow("UTF-8 root and path") << QByteArray("/tmp/面板") << "/data/用户" << "/tmp/面板/data/用户";
+    QTest::newRow("root is /") << "/" << ini << ini;
+    QTest::newRow("root with trailing /, path with one") << r + "/" << "/usr/kavo_app/" << r + "/usr/kavo_app/";
+    QTest::newRow("relative path") << r << "language/0000.lan" << "language/0000.lan";
+    QTest::newRow("//proc/1/cmdline") << r << "//proc/1/cmdline" << "//proc/1/cmdline";
+    QTest::newRow("/procfoo relocated") << r << "/procfoo" << r + "/procfoo";
+    QTest::newRow(".. inside kept") << r << "/usr/../tmp/x" << r + "/usr/../tmp/x";
+    QTest::newRow(".. out, trailing / kept") << r << "//tmp/./../../" << refused + "/";
+    QTest::newRow(".. on the panel itself") << QString() << "/../x" << "/../x";
+    QTest::newRow("UTF-8 root and path") << "/tmp/面板" << "/data/用户" << "/tmp/面板/data/用户";
     // A package file's name joined to its relocated destination stays inside.
-    QTest::newRow("confined inside") << rb << "confine:" + r + "/d/x/../y.dat" << r + "/d/x/../y.dat";
-    QTest::newRow("confined, name climbs out") << rb << "confine:" + r + "/d/x/../../../esc.dat" << refused;
-    QTest::newRow("confined, beside the root") << rb << "confine:" + r + "-other/d/y.dat" << refused;
-    QTest::newRow("confined on the panel itself") << QByteArray() << "confine:/d/../../e.dat" << "/d/../../e.dat";
+    QTest::newRow("confined inside") << r << "confine:" + r + "/d/x/../y.dat" << r + "/d/x/../y.dat";
+    QTest::newRow("confined, name climbs out") << r << "confine:" + r + "/d/x/../../../esc.dat" << refused;
+    QTest::newRow("confined, beside the root") << r << "confine:" + r + "-other/d/y.dat" << refused;
+    QTest::newRow("confined on the panel itself") << QString() << "confine:/d/../../e.dat" << "/d/../../e.dat";
 }
 
 void tst_Platform::panelPaths()
 {
-    QFETCH(QByteArray, root);
+    QFETCH(QString, root);
     QFETCH(QString, path);
     QFETCH(QString, expected);
-    root.isNull() ? qunsetenv("KAVO_PANEL_ROOT") : qputenv("KAVO_PANEL_ROOT", root);
+    root.isNull() ? qunsetenv("KAVO_PANEL_ROOT") : qputenv("KAVO_PANEL_ROOT", root.toUtf8());
     const auto restore = qScopeGuard([] { qunsetenv("KAVO_PANEL_ROOT"); });
-    QCOMPARE(platform::panelRoot(), QString::fromUtf8(root).remove(QRegularExpression("/$")));
+    QCOMPARE(platform::panelRoot(), root.remove(QRegularExpression("/$")));
     if (path.startsWith("confine:"))
         QCOMPARE(platform::confinedPanelPath(path.mid(8)), expected);
     else
