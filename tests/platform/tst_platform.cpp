@@ -133,8 +133,8 @@ void tst_Platform::simulatedFunctions_data()
         QTest::newRow(name) << calls << env << expected;
     };
     row("directories", "dirs", "", "|{R}/usr/kavo_app||{R}/data|{R}/usr/kavo_app/project|{R}/usr/kavo_app/font|{R}/data/userfile|");
-    row("create", "create {R}/new//deeper/\ncreate {R}/new\nexists new/deeper\ncreate {R}/tree/f/sub\ncreate \ndelete ", "",
-        "0 0 1 -1 -1 -1 -1 -1");
+    row("create", "create {R}/new//deeper/\ncreate {R}/new\nexists new/deeper\ncreate {R}/tree/f/sub\ncreate \ndelete ",
+        "", "0 0 1 -1 -1 -1 -1 -1");
     // Links go with the tree; what they point to stays.
     row("delete a tree", "delete {R}/tree/\ndelete {R}/missing/too\nexists tree\nexists data/f\nexists data/sub/f",
         "KAVO_SIM_DELETEDIR_FAIL=0", "0 0 0 1 1");
