@@ -122,7 +122,8 @@ void tst_updater::handOver()
     kit::PanelSpec panelSpec;
     panelSpec.cpuArch = qMax(cpuArch, 5);
     panelSpec.runtime.version = "7.1.0";
-    QVERIFY(kit::makePanel(panel, panelSpec) && kit::writePackage(stick, {QString(), qEnvironmentVariable("OPX_HELPER")}));
+    QVERIFY(kit::makePanel(panel, panelSpec)
+            && kit::writePackage(stick, {QString(), qEnvironmentVariable("OPX_HELPER")}));
     QVERIFY(cpuArch >= 0 || QFile::remove(panel + "/lib/libc.so.6"));
     const QString kavoPro = stick + "/proj/KavoPro/", copy = kavoPro + "v7/kavo_app";
     const QMap<QString, QString> versions{{"v7/", "7.2.7"}, {"v5/", "7.2.5"}, {"", "7.2.0"}};
@@ -216,7 +217,8 @@ void tst_updater::updatesRuntimeThenDownloads()
         QVERIFY2(pane.contains(msg(2022)) && !pane.contains(msg(2044)), qPrintable(pane));
     }
 
-    QTRY_COMPARE_WITH_TIMEOUT(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"), 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(testenv::readFile(panel.path("/var/run/reboot-requested")), QByteArray("reboot\n"),
+                              60000);
     QCOMPARE(kit::readRuntimeDescription(panel.path("/usr/kavo_app/update.ini")).version, QStringLiteral("7.2.1"));
     QStringList expected;
     for (const kit::PackageFile& file : project.files)
