@@ -10,7 +10,6 @@
 
 #include <QApplication>
 #include <QListView>
-#include <QStringListModel>
 #include <QtTest>
 
 #include <cstring>

@@ -3,8 +3,6 @@
 #include "recordingdownload.h"
 #include "testenv.h"
 
-#include <QDirIterator>
-#include <QStorageInfo>
 #include <QtTest>
 
 #include <memory>

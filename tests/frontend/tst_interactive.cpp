@@ -14,9 +14,7 @@
 #include "tools/kit/stick.h"
 
 #include <QApplication>
-#include <QCryptographicHash>
 #include <QListView>
-#include <QStandardPaths>
 #include <QtTest>
 
 namespace {

@@ -10,7 +10,6 @@
 
 #include <QApplication>
 #include <QPushButton>
-#include <QTextEdit>
 #include <QtTest>
 
 #include <memory>
@@ -21,11 +20,6 @@ using testenv::texts;
 
 // The pane up to the end of the installed runtime's check.
 const QList<int> kToRuntimeChecked = {2011, 2021, 2112, 2114, 2117, 2118};
-
-QString paneText(const dlgDownLoad& dialog)
-{
-    return dialog.findChild<QTextEdit*>(QStringLiteral("textEdit"))->toPlainText();
-}
 
 const QString kCopy = QStringLiteral("/proj/KavoPro/v7/kavo_app");
 
@@ -181,7 +175,7 @@ void tst_sequence::runtimeQuestions()
     QTimer press;
     connect(&press, &QTimer::timeout, [&] {
         const int when = presses.section(':', 0, 0).toInt();
-        if (pressed || !(duringCopy ? QFileInfo(large).size() > 0 : paneText(dialog).endsWith(msg(when))))
+        if (pressed || !(duringCopy ? QFileInfo(large).size() > 0 : testenv::paneLines(dialog).last() == msg(when)))
             return;
         pressed = true;
         for (const QString& name : presses.section(':', 1).split(','))
@@ -202,7 +196,7 @@ void tst_sequence::runtimeQuestions()
         QCOMPARE(seen.icon, seen.title == msg(2034) ? QMessageBox::Question : QMessageBox::Information);
         QVERIFY(seen.flags & Qt::WindowStaysOnTopHint);
     }
-    QCOMPARE(paneText(dialog), (texts(kToRuntimeChecked) + tail).join('\n'));
+    QCOMPARE(testenv::paneLines(dialog).join('\n'), (texts(kToRuntimeChecked) + tail).join('\n'));
     const bool done = tail.last() == msg(2059) + '\n';
     // The updater takes over once the operator has accepted an update and the project is in place.
     const bool handedOver = done && yes && box.startsWith(msg(2034) + '|');

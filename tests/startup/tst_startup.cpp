@@ -5,6 +5,7 @@
 
 #include "boxanswerer.h"
 #include "testenv.h"
+#include "tools/kit/stick.h"
 
 #include <QtTest>
 
@@ -97,13 +98,14 @@ void tst_startup::displayServer()
     QFETCH(bool, serverOnStick);
     QFETCH(QString, panelDirName);
     QFETCH(bool, started);
-    testenv::TempStick stick;
+    QTemporaryDir stick;
     testenv::OptionSafeDir out; // the report's directory, with the panel inside
+    QVERIFY(kit::writePackage(stick.path(), {qEnvironmentVariable("OPX_EXECUTABLE"), {}}));
     const QString root = out.path() + "/" + panelDirName;
     // It spans several copy blocks and records its arguments on the panel.
     const QByteArray script = "#!/bin/sh\n# " + QByteArray(10000, 'x')
                               + "\nprintf '%s\\n' \"$@\" > \"$KAVO_PANEL_ROOT/tmp/qwsserver.args\"\n";
-    const QString server = stick.packageDir() + "/qws/qwsserver";
+    const QString server = stick.path() + "/opxupdateu/qws/qwsserver";
     QVERIFY(!serverOnStick || (testenv::writeFile(server, script) && QFile::setPermissions(server, QFile::ReadOwner | QFile::ExeOwner)));
     QVERIFY(QDir().mkpath(root + "/tmp/qtembedded-0"));
     sockaddr_un address{AF_UNIX, {}};
@@ -112,11 +114,17 @@ void tst_startup::displayServer()
     QVERIFY(!serverAnswers || (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 && listen(fd, 4) == 0));
 
     // The fallback starts on the first failed connect, not after 20 seconds.
-    const testenv::RunResult run = testenv::runPackage(stick, root, {"-s proj", "-p " + out.path()}, {}, 10000);
+    QProcess run;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("KAVO_PANEL_ROOT", root);
+    run.setProcessEnvironment(env);
+    run.setWorkingDirectory(stick.path());
+    run.start(stick.path() + "/opxupdateu/opxupdateu_proj.bin", {"-s proj", "-p " + out.path()});
+    QVERIFY(run.waitForFinished(10000) && run.exitStatus() == QProcess::NormalExit && run.exitCode() == 0);
     close(fd);
-    QVERIFY(run.finished && run.exitCode == 0);
-    QCOMPARE(run.out.contains("connect more than 20 seconds"), !serverAnswers);
-    QCOMPARE(run.out.contains("cmd exec failed..."), serverOnStick && !serverAnswers && !started);
+    const QByteArray printed = run.readAllStandardOutput();
+    QCOMPARE(printed.contains("connect more than 20 seconds"), !serverAnswers);
+    QCOMPARE(printed.contains("cmd exec failed..."), serverOnStick && !serverAnswers && !started);
     QCOMPARE(testenv::readFile(root + "/tmp/qwsserver"), serverOnStick && !serverAnswers ? script : QByteArray());
     QCOMPARE(QFileInfo(root + "/tmp/qwsserver").isExecutable(), started);
     QTest::qWait(started ? 0 : 500); // a server started by mistake would have written its arguments by then

@@ -8,7 +8,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-
 namespace testenv {
 
 bool loadBuiltinTexts()
@@ -78,45 +77,6 @@ TempPanel::~TempPanel()
         qputenv("KAVO_PANEL_ROOT", m_previousRoot);
     else
         qunsetenv("KAVO_PANEL_ROOT");
-}
-
-TempStick::TempStick()
-{
-    if (!m_dir.isValid())
-        return;
-    const QString source = qEnvironmentVariable("OPX_EXECUTABLE");
-    QDir().mkpath(packageDir() + QStringLiteral("/language")) && QDir().mkpath(packageDir() + QStringLiteral("/config"));
-    m_valid = !source.isEmpty() && QFile::copy(source, executable())
-              && QFile::setPermissions(executable(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup);
-}
-
-RunResult runPackage(const TempStick& stick, const QString& panelRoot, const QStringList& arguments,
-                     const QStringList& extraEnv, int timeoutMs)
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("KAVO_PANEL_ROOT"), panelRoot);
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    for (const QString& entry : extraEnv) {
-        const int eq = entry.indexOf(QLatin1Char('='));
-        env.insert(entry.left(eq), entry.mid(eq + 1));
-    }
-
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(stick.root());
-    process.start(stick.executable(), arguments);
-
-    RunResult result;
-    if (!process.waitForStarted(timeoutMs))
-        return result;
-    result.finished = process.waitForFinished(timeoutMs);
-    if (!result.finished)
-        process.kill(), process.waitForFinished(5000);
-    result.exitStatus = process.exitStatus();
-    result.exitCode = process.exitCode();
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
 }
 
 } // namespace testenv

@@ -3,8 +3,6 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QProcess>
-#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -51,36 +49,5 @@ private:
     QByteArray m_previousRoot;
     bool m_hadPreviousRoot;
 };
-
-// A stick with opxupdateu/ holding OPX_EXECUTABLE's copy, language/ and config/.
-class TempStick
-{
-public:
-    TempStick();
-    TempStick(const TempStick&) = delete;
-    TempStick& operator=(const TempStick&) = delete;
-
-    bool isValid() const { return m_valid; }
-    QString root() const { return m_dir.path(); }
-    QString packageDir() const { return root() + QStringLiteral("/opxupdateu"); }
-    QString executable() const { return packageDir() + QStringLiteral("/opxupdateu_proj.bin"); }
-
-private:
-    QTemporaryDir m_dir;
-    bool m_valid = false;
-};
-
-struct RunResult
-{
-    bool finished = false;
-    QProcess::ExitStatus exitStatus = QProcess::NormalExit;
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-// Runs the stick's executable from the stick, headless, on `panelRoot`, with `extraEnv` ("NAME=value").
-RunResult runPackage(const TempStick& stick, const QString& panelRoot, const QStringList& arguments,
-                     const QStringList& extraEnv = QStringList(), int timeoutMs = 60000);
 
 } // namespace testenv

@@ -6,7 +6,6 @@
 #include "tools/opxpack/packtool.h"
 #include "tools/opxpanel/paneltool.h"
 
-#include <QProcess>
 #include <QtTest>
 
 class tst_Tools : public QObject

@@ -11,7 +11,6 @@
 #include "dialogprobe.h"
 #include "testenv.h"
 
-#include <QRandomGenerator>
 #include <QtTest>
 
 #include <csignal>
