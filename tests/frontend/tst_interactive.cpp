@@ -101,7 +101,8 @@ void tst_interactive::downloadByHand()
     at["project"] = list->viewport()->mapTo(&download, list->visualRect(list->model()->index(0, 0)).center());
 
     // The X server writes its display number once it takes connections; one that does not answer a
-    // client (seen once in a loaded CI run) is replaced, up to three times. The executable runs on it.
+    // client is replaced, up to three times. The executable runs on it. Without -noreset the server
+    // starts over whenever its last client leaves, and refuses a client that comes meanwhile.
     qputenv("QT_QPA_PLATFORM", "xcb");
     QProcess server;
     bool answers = false;
@@ -109,7 +110,7 @@ void tst_interactive::downloadByHand()
         server.kill();
         server.waitForFinished(5000);
         server.start(QStringLiteral("Xvfb"),
-                     QStringLiteral("-displayfd 1 -screen 0 1024x768x24 -dpi 96 -nolisten tcp").split(' '));
+                     QStringLiteral("-displayfd 1 -screen 0 1024x768x24 -dpi 96 -nolisten tcp -noreset").split(' '));
         QVERIFY(server.waitForStarted());
         if (!QTest::qWaitFor([&] { return server.canReadLine() || server.state() != QProcess::Running; }, 10000))
             continue;
