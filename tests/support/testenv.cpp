@@ -43,15 +43,6 @@ OptionSafeDir::OptionSafeDir()
 {
 }
 
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    return file.write(data) == data.size();
-}
-
 QByteArray readFile(const QString& path)
 {
     QFile file(path);

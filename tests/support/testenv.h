@@ -1,5 +1,7 @@
-// Temporary simulated panels and sticks, and a way to run the package on them.
+// Temporary simulated panels, the text table, and files read and written by tests.
 #pragma once
+
+#include "tools/kit/runtime.h"
 
 #include <QByteArray>
 #include <QList>
@@ -26,8 +28,8 @@ public:
 // sorted, so that "nothing was written" is one comparison.
 QStringList entriesWithSizes(const QString& dir);
 
-// Writes `data` to `path`, creating missing directories.
-bool writeFile(const QString& path, const QByteArray& data);
+// The kit writes the files of every panel and stick; tests write theirs the same way.
+using kit::writeFile;
 QByteArray readFile(const QString& path);
 
 // A ready simulated panel with an ARMv7 C library; KAVO_PANEL_ROOT names it while it lives.
