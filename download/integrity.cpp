@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QSettings>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -59,6 +60,76 @@ QByteArray shellQuoted(const QByteArray& word)
     quoted += '\'';
     return quoted;
 }
+
+// md5sum's report is read in lines of at most this size, terminator included.
+constexpr size_t kLineBytes = 1024;
+
+// The output of a command, in the lines fgets would give: each ends after a
+// newline or after kLineBytes - 1 bytes, whichever comes first. It reads the
+// pipe's descriptor itself because fgets cannot be trusted here: when a
+// signal interrupts its read, it drops the part of the line it already had and
+// returns the same null as at the end of the output. A timer signal during the
+// check would then end it early, and a runtime that md5sum was about to
+// reject would pass.
+class CommandOutput
+{
+public:
+    enum Result { Line, End, Failed };
+
+    explicit CommandOutput(FILE* pipe)
+        : m_fd(fileno(pipe))
+    {
+    }
+
+    // The next line into `line`, zero-terminated and with its newline.
+    Result next(char (&line)[kLineBytes])
+    {
+        size_t length = 0;
+        while (length < kLineBytes - 1) {
+            if (m_begin == m_end) {
+                const Result filled = fill();
+                if (filled == Failed)
+                    return Failed;
+                if (filled == End) {
+                    if (length == 0)
+                        return End;
+                    break;
+                }
+            }
+            const char c = m_buffer[m_begin++];
+            line[length++] = c;
+            if (c == '\n')
+                break;
+        }
+        line[length] = '\0';
+        return Line;
+    }
+
+    // Line when more output follows, End when the output is over.
+    Result peek() { return m_begin < m_end ? Line : fill(); }
+
+private:
+    Result fill()
+    {
+        for (;;) {
+            const ssize_t got = ::read(m_fd, m_buffer, sizeof m_buffer);
+            if (got > 0) {
+                m_begin = 0;
+                m_end = static_cast<size_t>(got);
+                return Line;
+            }
+            if (got == 0)
+                return End;
+            if (errno != EINTR)
+                return Failed;
+        }
+    }
+
+    int m_fd;
+    char m_buffer[kLineBytes];
+    size_t m_begin = 0;
+    size_t m_end = 0;
+};
 
 // The checksum text of a CRC-32: upper-case hexadecimal without leading zeros,
 // the form the project description lists.
@@ -188,8 +259,19 @@ bool ProjectDownload::checkAppIntegrity(checkPath which, const char* dir)
         return false;
     }
 
-    char line[1024];
-    while (fgets(line, sizeof line, pipe) != nullptr) {
+    CommandOutput output(pipe);
+    char line[kLineBytes];
+    for (;;) {
+        const CommandOutput::Result got = output.next(line);
+        if (got == CommandOutput::End)
+            break;
+        if (got == CommandOutput::Failed) {
+            // Output that could not be read whole proves nothing.
+            if (package)
+                resetUpgrageUI(msg(2067).arg(listName));
+            pclose(pipe);
+            return false;
+        }
         const size_t length = strlen(line);
         if (length > 0 && line[length - 1] == '\n')
             line[length - 1] = '\0';
@@ -206,7 +288,7 @@ bool ProjectDownload::checkAppIntegrity(checkPath which, const char* dir)
         // nothing of its own: only a failure followed by more output counts.
         if (strstr(line, "logger.ini") != nullptr)
             continue;
-        if (fgetc(pipe) == EOF)
+        if (output.peek() == CommandOutput::End)
             continue;
         pclose(pipe);
         return false;

@@ -6,7 +6,9 @@
 #include <QtTest>
 
 #include <memory>
+#include <csignal>
 #include <sched.h>
+#include <sys/time.h>
 #include <sys/mount.h>
 
 namespace {
@@ -35,6 +37,7 @@ private slots:
     void readings_data();
     void readings();
     void corners();
+    void integrityUnderSignals();
     void freeSpace_data();
     void freeSpace();
 
@@ -152,6 +155,31 @@ void tst_DownloadChecks::corners()
     QVERIFY(m_download->updateProjectFile());
     QCOMPARE(testenv::readFile("proj/v7/a.bin"), QByteArray("own destination\n"));
     QCOMPARE(m_download->events, QStringList{"fail: " + msg(2064).arg(m_panel->path("/gone"))});
+}
+
+// A signal handler installed without restarts (a timer of the screen, a child's end) interrupts the
+// read of md5sum's report; the check reads on and the damaged runtime is still found.
+void tst_DownloadChecks::integrityUnderSignals()
+{
+    QVERIFY(testenv::writeFile("bin/md5sum", "#!/bin/sh\necho 'bin/kavo_app: OK'\nsleep 0.3\n"
+                                             "echo 'lib/libkavo.so: FAILED'\necho 'md5sum: WARNING: 1 did NOT match'\n"));
+    QVERIFY(QFile::setPermissions("bin/md5sum", QFile::ReadOwner | QFile::ExeOwner));
+    QVERIFY(testenv::writeFile("rt/update.ini", "[PREPARE]\nversion=7.2.1\n") && testenv::writeFile("rt/version.7.2.1", {}));
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", QFile::encodeName(QDir::currentPath()) + "/bin:" + path);
+
+    struct sigaction tick = {};
+    struct sigaction previous = {};
+    tick.sa_handler = [](int) {};
+    sigaction(SIGALRM, &tick, &previous);
+    const itimerval every5ms{{0, 5000}, {0, 5000}};
+    const itimerval off{};
+    setitimer(ITIMER_REAL, &every5ms, nullptr);
+    const bool passed = m_download->checkAppIntegrity(INSTALLED_APP, QFile::encodeName(QFileInfo("rt").absoluteFilePath()).constData());
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &previous, nullptr);
+    qputenv("PATH", path);
+    QVERIFY(!passed);
 }
 
 void tst_DownloadChecks::freeSpace_data()
