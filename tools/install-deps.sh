@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the package needs to build, test and run its demo,
-# and with "coverage" also those of tools/coverage.sh.
+# with "coverage" also those of tools/coverage.sh, with "fuzz" those of
+# tools/fuzz.sh.
 # Only what is missing is installed; a machine that has everything is not touched.
 set -euo pipefail
 
@@ -13,6 +14,7 @@ packages=(
 for group in "$@"; do
     case "$group" in
         coverage) packages+=(gcovr) ;;
+        fuzz) packages+=(clang libclang-rt-dev llvm) ;;  # libFuzzer, the sanitizers' runtimes, llvm-symbolizer
         *) echo "install-deps.sh: unknown group $group" >&2; exit 2 ;;
     esac
 done

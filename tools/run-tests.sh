@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, then builds and tests the
 # package twice, once normally and once with AddressSanitizer and
-# UndefinedBehaviorSanitizer (leaks reported too), and checks that the panel
-# build still compiles against the vendor declarations. The README's demo runs
-# too, in its unattended form.
+# UndefinedBehaviorSanitizer (leaks reported too), fuzzes every reader of
+# stick and panel data for a short while, and checks that the panel build
+# still compiles against the vendor declarations. The README's demo runs too,
+# in its unattended form.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,6 +18,9 @@ for preset in default sanitize; do
     echo "=== test: $preset"
     ctest --preset "$preset" -j "$jobs"
 done
+
+echo "=== fuzz: every reader of stick and panel data, 20 s each"
+tools/fuzz.sh 20
 
 echo "=== demo: unattended download on a simulated panel"
 DISPLAY= tools/demo.sh --direct
