@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Makes the fuzz targets' seeds in corpus/ from what the project's own tools
-# write: a panel from opxpanel, a stick from opxpack, md5sum's report on the
-# panel's runtime. Run it again when the formats change, and commit the result.
+# Makes the fuzz targets' seeds in tests/fuzz/corpus/ from what the project's
+# own tools write: a panel from opxpanel, a stick from opxpack, md5sum's report
+# on the panel's runtime. Run it again when the formats change, and commit the
+# result.
 set -euo pipefail
-cd "$(dirname "$0")"
+cd "$(dirname "$0")/../tests/fuzz"
 source=$(realpath ../..)
 
 (cd "$source" && cmake --preset default >/dev/null)
