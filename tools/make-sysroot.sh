@@ -34,7 +34,28 @@ mirrors=(
 # What the sysroot was made from; a change of either makes it again.
 wanted="$arch ${packages[*]} | ${mirrors[*]}"
 
+case "$arch" in
+    armhf) triplet=arm-linux-gnueabihf ;;
+    armel) triplet=arm-linux-gnueabi ;;
+esac
+shim_source="$root_dir/tools/sysroot/qemu-forkfd.c"
+shim="usr/lib/$triplet/opx/libqemu-forkfd.so"
+
+# The shim that lets Qt start processes under qemu-user 7.2 (see its source),
+# preloaded by the target's loader alone: host programs never read the
+# sysroot's /etc/ld.so.preload.
+install_shim() {
+    local sysroot_dir=$1
+    mkdir -p "$sysroot_dir/$(dirname "$shim")"
+    "$triplet-gcc" --sysroot="$sysroot_dir" -O2 -Wall -Wextra -Werror -shared -fPIC \
+        -o "$sysroot_dir/$shim" "$shim_source" -ldl
+    echo "/$shim" > "$sysroot_dir/etc/ld.so.preload"
+}
+
 if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$wanted" ]; then
+    if [ "$shim_source" -nt "$sysroot/$shim" ]; then
+        install_shim "$sysroot"
+    fi
     exit 0
 fi
 
@@ -65,6 +86,8 @@ done < <(find "$work" -type l -print0)
 # emulated tests; only directories holding the target's files stay.
 rm -rf "$work/dev" "$work/var/cache" "$work/var/log" "$work/var/lib/apt"
 find "$work" -mindepth 1 -maxdepth 1 -type d -empty -delete
+
+install_shim "$work"
 
 echo "$wanted" > "$work/.opx-sysroot"
 rm -rf "$sysroot"
