@@ -1,4 +1,4 @@
-# Shared part of the ARM cross toolchains; toolchain-armhf.cmake and
+# What the two ARM cross toolchains have in common; toolchain-armhf.cmake and
 # toolchain-armel.cmake set OPX_ARM_ARCH, OPX_ARM_TRIPLET, OPX_ARM_FLAGS and
 # OPX_ARM_CPU and include this file.
 #

@@ -68,7 +68,7 @@ rm -rf "$work"
 mkdir -p "$root_dir/build"
 include=$(IFS=,; echo "${packages[*]}")
 echo "Making the $arch sysroot in $sysroot"
-mmdebstrap --quiet --mode=root --variant=extract --architectures="$arch" \
+mmdebstrap --quiet --variant=extract --architectures="$arch" \
     --include="$include" bookworm "$work" "${mirrors[@]}"
 
 # Absolute links name the target's own files: point them inside the sysroot,
