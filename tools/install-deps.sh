@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the package needs to build, test and run its demo,
 # with "coverage" also those of tools/coverage.sh, with "fuzz" those of
-# tools/fuzz.sh.
+# tools/fuzz.sh, with "arm" those of the ARM cross builds (tools/make-sysroot.sh and
+# the armhf and armel presets).
 # Only what is missing is installed; a machine that has everything is not touched.
 set -euo pipefail
 
@@ -15,6 +16,10 @@ for group in "$@"; do
     case "$group" in
         coverage) packages+=(gcovr) ;;
         fuzz) packages+=(clang libclang-rt-dev llvm) ;;  # libFuzzer, the sanitizers' runtimes, llvm-symbolizer
+        # Cross compilers for the panel's two processors, the target's Debian
+        # packages fetched without touching this machine's dpkg, and the emulator
+        # the cross-built tests run under.
+        arm) packages+=(g++-arm-linux-gnueabihf g++-arm-linux-gnueabi mmdebstrap qemu-user-static) ;;
         *) echo "install-deps.sh: unknown group $group" >&2; exit 2 ;;
     esac
 done

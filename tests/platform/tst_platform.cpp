@@ -221,6 +221,10 @@ void tst_Platform::elfArch_data()
     QCOMPARE(mkfifo(QFile::encodeName(m_dir.path() + "/fifo").constData(), 0600), 0);
 
     file("armel libc", kArmelLibc, 4);
+    // A file past 2 GiB (here a hole after the library) in a 32-bit build.
+    const QString big = m_dir.path() + "/big.so";
+    QVERIFY(QFile::copy(kArmelLibc, big) && QFile(big).resize((qint64(1) << 31) + 4096));
+    file("armel libc beyond 2 GiB", big, 4);
     file("x86-64 executable", "/bin/true", -1);
     file("missing", m_dir.path() + "/missing.so", -1);
     file("fifo, not waited for", m_dir.path() + "/fifo", -1);
