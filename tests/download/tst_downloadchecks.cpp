@@ -5,11 +5,12 @@
 
 #include <QtTest>
 
-#include <memory>
 #include <csignal>
+#include <memory>
 #include <sched.h>
-#include <sys/time.h>
 #include <sys/mount.h>
+#include <sys/time.h>
+#include <zlib.h>
 
 namespace {
 
@@ -38,6 +39,7 @@ private slots:
     void readings();
     void corners();
     void integrityUnderSignals();
+    void bigFile();
     void freeSpace_data();
     void freeSpace();
 
@@ -182,6 +184,38 @@ void tst_DownloadChecks::integrityUnderSignals()
     QVERIFY(!passed);
 }
 
+// A project file of 2 GiB + 1 byte, its SIZE read as the unsigned 32-bit number it is, checked in
+// the package, copied and checked on the panel: every size and offset stays 64 bits wide on the
+// panel's 32-bit processors.
+void tst_DownloadChecks::bigFile()
+{
+    const qint64 size = (Q_INT64_C(1) << 31) + 1;
+    QFile big("proj/v7/big.bin");
+    QVERIFY(QDir().mkpath("proj/v7") && big.open(QIODevice::WriteOnly) && big.seek(size - 1) && big.write("x", 1) == 1);
+    big.close();
+    // The CRC-32 of 2^31 zero bytes, doubled up from one, then the last byte.
+    const Bytef zero = 0;
+    uLong crc = crc32(0, &zero, 1);
+    for (qint64 length = 1; length < size - 1; length *= 2)
+        crc = crc32_combine(crc, crc, z_off_t(length));
+    crc = crc32_combine(crc, crc32(0, reinterpret_cast<const Bytef*>("x"), 1), 1);
+    QVERIFY(testenv::writeFile("proj/v7/project.ini", "[GLOBAL]\nOPXPlatform=10\nOPXName=KP\nVERSION=1\nFILENUM=1\n"
+                                                      "[FILE1]\nNAME=big.bin\nSIZE=2147483649\nDESPATH=/usr/kavo_app/project\nCRC="
+                                                      + QByteArray::number(qulonglong(crc), 16) + "\n"));
+
+    QVERIFY(m_download->parseIniFile("./proj/v7/project.ini"));
+    QCOMPARE(m_download->m_fileList.value(0).size, 2147483649u);
+    QVERIFY(m_download->checkFileCRC(BEFORE_DOWNLOAD));
+    QVERIFY(m_download->updateProjectFile());
+    const QString copy = m_panel->path("/usr/kavo_app/project/big.bin");
+    QCOMPARE(QFileInfo(copy).size(), size);
+    const QString project = m_panel->path("/usr/kavo_app/project");
+    QCOMPARE(AccessFile::getDirectorySize(QFile::encodeName(project).constData()), treeSize(project));
+    QVERIFY(treeSize(project) > size);
+    QVERIFY(m_download->checkFileCRC(AFTER_DOWNLOAD));
+    QCOMPARE(m_download->events, QStringList());
+}
+
 void tst_DownloadChecks::freeSpace_data()
 {
     // Both checks to the byte on tmpfs areas: the project area keeps 2,048 + 4,194,303 bytes free, the
@@ -190,11 +224,14 @@ void tst_DownloadChecks::freeSpace_data()
     QTest::addColumn<qint64>("userShift");
     QTest::addColumn<QString>("variant");
     QTest::addColumn<bool>("clear"); // the user file area is to be cleared: its files count as free
-    QTest::newRow("one byte below, equal") << Q_INT64_C(-1) << Q_INT64_C(0) << "v7/" << false;
-    QTest::newRow("equal, one byte over") << Q_INT64_C(0) << Q_INT64_C(1) << "v7/" << false;
-    QTest::newRow("no variant; cleared, equal") << Q_INT64_C(-1) << Q_INT64_C(0) << "" << true;
-    QTest::newRow("one byte below; cleared, free suffices") << Q_INT64_C(-1) << Q_INT64_C(-1100000) << "v7/" << true;
-    QTest::newRow("one byte below; cleared, one byte over") << Q_INT64_C(-1) << Q_INT64_C(1) << "v7/" << true;
+    QTest::addColumn<QByteArray>("areaSize"); // of both tmpfs areas; beyond 4 GiB no 32-bit count may wrap
+    QTest::newRow("one byte below, equal") << Q_INT64_C(-1) << Q_INT64_C(0) << "v7/" << false << QByteArray("16m");
+    QTest::newRow("equal, one byte over") << Q_INT64_C(0) << Q_INT64_C(1) << "v7/" << false << QByteArray("16m");
+    QTest::newRow("no variant; cleared, equal") << Q_INT64_C(-1) << Q_INT64_C(0) << "" << true << QByteArray("16m");
+    QTest::newRow("one byte below; cleared, free suffices") << Q_INT64_C(-1) << Q_INT64_C(-1100000) << "v7/" << true << QByteArray("16m");
+    QTest::newRow("one byte below; cleared, one byte over") << Q_INT64_C(-1) << Q_INT64_C(1) << "v7/" << true << QByteArray("16m");
+    QTest::newRow("beyond 4 GiB: one byte below, equal") << Q_INT64_C(-1) << Q_INT64_C(0) << "v7/" << false << QByteArray("6g");
+    QTest::newRow("beyond 4 GiB: equal, one byte over") << Q_INT64_C(0) << Q_INT64_C(1) << "v7/" << false << QByteArray("6g");
 }
 
 void tst_DownloadChecks::freeSpace()
@@ -203,9 +240,10 @@ void tst_DownloadChecks::freeSpace()
     QFETCH(qint64, userShift);
     QFETCH(QString, variant);
     QFETCH(bool, clear);
+    QFETCH(QByteArray, areaSize);
     for (const char* dir : {"/usr/kavo_app", "/data"}) {
         const QByteArray path = QFile::encodeName(m_panel->path(dir));
-        if (!m_privateMounts || mount("tmpfs", path.constData(), "tmpfs", 0, "size=16m") != 0)
+        if (!m_privateMounts || mount("tmpfs", path.constData(), "tmpfs", 0, ("size=" + areaSize).constData()) != 0)
             QSKIP("no tmpfs in a private mount namespace here (needs CAP_SYS_ADMIN)");
     }
     const QString app = m_panel->path("/usr/kavo_app");

@@ -225,6 +225,7 @@ void tst_Platform::elfArch_data()
     const QString big = m_dir.path() + "/big.so";
     QVERIFY(QFile::copy(kArmelLibc, big) && QFile(big).resize((qint64(1) << 31) + 4096));
     file("armel libc beyond 2 GiB", big, 4);
+    file("this build's own executable", QCoreApplication::applicationFilePath(), OPX_OWN_PLATFORM);
     file("x86-64 executable", "/bin/true", -1);
     file("missing", m_dir.path() + "/missing.so", -1);
     file("fifo, not waited for", m_dir.path() + "/fifo", -1);
