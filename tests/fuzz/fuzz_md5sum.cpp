@@ -3,10 +3,11 @@
 // package's runtime copy must be the one the report calls for.
 #include "fuzzsupport.h"
 
-#include "download/qsettingsfactory.h"
+#include "recordingdownload.h"
 
 #include <QFile>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -41,10 +42,7 @@ const Setup& setup()
         fuzz::writeFile(made.installed + QStringLiteral("/update.ini"), description);
         fuzz::writeFile(made.installed + QStringLiteral("/version.7.2.1"), QByteArray());
         made.package = root + QStringLiteral("/package");
-        QByteArray scrambled = "###" + description;
-        for (char& c : scrambled)
-            c = static_cast<char>(QSettingsFactory::encryptByte(static_cast<unsigned char>(c)));
-        fuzz::writeFile(made.package + QStringLiteral("/update.ini"), scrambled);
+        fuzz::writeFile(made.package + QStringLiteral("/update.ini"), "###" + description, true);
         fuzz::writeFile(made.package + QStringLiteral("/version.7.2.1"), QByteArray());
         return made;
     }();
@@ -91,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     sigemptyset(&timer);
     sigaddset(&timer, SIGALRM);
     pthread_sigmask(SIG_BLOCK, &timer, nullptr);
-    fuzz::Download download;
+    RecordingDownload download;
     const bool installed = download.checkAppIntegrity(INSTALLED_APP, QFile::encodeName(s.installed).constData());
     const bool package = download.checkAppIntegrity(PACKAGE_APP, QFile::encodeName(s.package).constData());
     pthread_sigmask(SIG_UNBLOCK, &timer, nullptr);

@@ -2,6 +2,7 @@
 // directory on the stick, read up to the file list, the clear flags and the
 // hardware needs. Input: project.ini, then version.ini.
 #include "fuzzsupport.h"
+#include "recordingdownload.h"
 
 #include <QDir>
 #include <QSettings>
@@ -13,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fuzz::writeFile(project + QStringLiteral("/project.ini"), files[0]);
     fuzz::writeFile(project + QStringLiteral("/version.ini"), files[1]);
 
-    fuzz::Download download;
+    RecordingDownload download;
     download.m_projectName = QDir(project).dirName();
     download.m_platformCode = QStringLiteral("10");
     {

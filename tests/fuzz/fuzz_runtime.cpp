@@ -4,7 +4,7 @@
 // version.ini.
 #include "fuzzsupport.h"
 
-#include "download/qsettingsfactory.h"
+#include "recordingdownload.h"
 
 #include <QDir>
 
@@ -22,13 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const QString project = fuzz::freshPath(QStringLiteral("p"));
     fuzz::writeFile(project + QStringLiteral("/version.ini"), files[1]);
     fuzz::writeFile(project + QStringLiteral("/KavoPro/opxupdateu.bin"), QByteArray());
-    fuzz::writeFile(QStringLiteral("opxupdateu/helper/opxupdateu_helper.bin"), QByteArray());
-    QByteArray scrambled = files[0];
-    for (char& c : scrambled)
-        c = static_cast<char>(QSettingsFactory::encryptByte(static_cast<unsigned char>(c)));
-    fuzz::writeFile(project + QStringLiteral("/KavoPro/v7/kavo_app/update.ini"), scrambled);
+    // The updater beside the package, the same for every input.
+    static const bool updater = (fuzz::writeFile(QStringLiteral("opxupdateu/helper/opxupdateu_helper.bin"), {}), true);
+    Q_UNUSED(updater);
+    fuzz::writeFile(project + QStringLiteral("/KavoPro/v7/kavo_app/update.ini"), files[0], true);
 
-    fuzz::Download download;
+    RecordingDownload download;
     download.m_projectName = QDir(project).dirName();
     download.m_variantName = QStringLiteral("v7/");
     download.m_packageProduct = QStringLiteral("KavoPro");

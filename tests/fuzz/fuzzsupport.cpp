@@ -1,6 +1,7 @@
 #include "fuzzsupport.h"
 
 #include "text/multilingualmanager.h"
+#include "tools/kit/runtime.h"
 
 #include <QDir>
 #include <QFile>
@@ -78,19 +79,13 @@ QList<QByteArray> files(const QByteArray& input, int count)
     return parts;
 }
 
-void writeFile(const QString& path, const QByteArray& content)
+void writeFile(const QString& path, const QByteArray& content, bool scrambled)
 {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(content) != content.size()) {
+    const bool written = scrambled ? kit::writeScrambled(path, content) : kit::writeFile(path, content);
+    if (!written) {
         std::fprintf(stderr, "fuzz: cannot write %s\n", qPrintable(path));
         std::abort();
     }
-}
-
-Download::Download()
-    : ProjectDownload(scratchDir() + QStringLiteral("/usr/kavo_app/project"), QStringLiteral("0000"))
-{
 }
 
 } // namespace fuzz

@@ -1,9 +1,7 @@
 // What the fuzz targets share: a scratch directory that is also the simulated
-// panel's root, fresh file names, inputs cut into several files, and a
-// download without a screen.
+// panel's root, fresh file names, inputs cut into several files. A download
+// without a screen is the tests' RecordingDownload.
 #pragma once
-
-#include "download/projectdownload.h"
 
 #include <QByteArray>
 #include <QList>
@@ -31,22 +29,9 @@ QByteArray bytes(const uint8_t* data, size_t size);
 // ones are empty and the last takes the rest, separators included.
 QList<QByteArray> files(const QByteArray& input, int count);
 
-// Writes `content` to `path`, creating its directory; aborts when it cannot,
-// as that is the machine failing, not the code under test.
-void writeFile(const QString& path, const QByteArray& content);
-
-// A download that reports into nothing and answers every question `answer`.
-class Download : public ProjectDownload
-{
-public:
-    Download();
-    bool answer = true;
-
-protected:
-    void setTextEditContent(const QString&) override {}
-    void resetUpgrageUI(const QString&) override {}
-    void setBntEnable(bool, bool, bool) override {}
-    bool askYesNo(QuestionIcon, const QString&, const QString&) override { return answer; }
-};
+// Writes `content` to `path` as the kit writes files (scrambled when asked),
+// creating its directory; aborts when it cannot, as that is the machine
+// failing, not the code under test.
+void writeFile(const QString& path, const QByteArray& content, bool scrambled = false);
 
 } // namespace fuzz
