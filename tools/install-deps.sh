@@ -15,7 +15,8 @@ packages=(
 for group in "$@"; do
     case "$group" in
         coverage) packages+=(gcovr) ;;
-        fuzz) packages+=(clang libclang-rt-dev llvm) ;;  # libFuzzer, the sanitizers' runtimes, llvm-symbolizer
+        fuzz) packages+=(clang libclang-rt-dev llvm) ;;
+        bench) packages+=(linux-perf time bc) ;;  # poll tracepoints, peak memory, arithmetic  # libFuzzer, the sanitizers' runtimes, llvm-symbolizer
         # Cross compilers for the panel's two processors, the target's Debian
         # packages fetched without touching this machine's dpkg, and the emulator
         # the cross-built tests run under.

@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# How fast a download runs and how alive its screen stays, on a simulated
+# panel:
+#
+#   tools/bench-download.sh [MiB]       (default 256)
+#
+# Packs a project of MiB (one file of half the size, 500 small ones sharing the
+# rest, incompressible) and downloads it unattended three times onto a fresh
+# panel, alternating with `cp -a` of the project plus one CRC-32 pass over the
+# source and one over the copy. Prints the median ratio of the two; the longest
+# stretch in which the package's GUI thread did not poll for events (a download
+# recorded with perf's poll tracepoints, checks included); the peak resident
+# memory; the time of a second download of the unchanged project onto the same
+# panel against the first; and the upload's unpacking against zlib's own
+# inflate of the same container. Everything is made below build/bench.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+mib=${1:-256}
+case "$mib" in ''|*[!0-9]*|0) echo "usage: $0 [MiB]" >&2; exit 2 ;; esac
+
+tools/install-deps.sh bench
+cmake --preset default >/dev/null
+cmake --build --preset default -j "$(nproc)" \
+    --target opxupdateu_proj opxupdateu_helper opxpack opxpanel opxbench_crc32 opxbench_inflate >/dev/null
+
+build=$PWD/build/default
+bench=$PWD/build/bench
+rm -rf "$bench"
+mkdir -p "$bench/project/data" "$bench/out"
+
+# The project: incompressible data, as a packed project's files mostly are.
+big=$((mib * 1024 * 1024 / 2))
+small=$(((mib * 1024 * 1024 - big) / 500))
+head -c "$big" /dev/urandom >"$bench/project/big.bin"
+head -c $((small * 500)) /dev/urandom >"$bench/all-small"
+split -a 3 -d -b "$small" "$bench/all-small" "$bench/project/data/f"
+rm "$bench/all-small"
+echo "bench context" >"$bench/project/context.dat"
+"$build/tools/opxpack/opxpack" --project "$bench/project" --name bench --out "$bench/stick" >/dev/null
+"$build/tools/opxpanel/opxpanel" --root "$bench/panel-pristine" >/dev/null
+source_dir=$bench/stick/bench/v7
+
+# One unattended download onto $bench/panel; prints "seconds peak-KiB". The
+# time runs to the last write of the result report: after it only the
+# ten-second countdown to the reboot follows.
+download() {
+    local report start end
+    report=$(mktemp -d /tmp/opxbench_XXXXXX)
+    start=$(date +%s.%N)
+    (cd "$bench/stick" && KAVO_PANEL_ROOT=$bench/panel QT_QPA_PLATFORM=offscreen \
+        /usr/bin/time -f '%M' -o "$bench/time.txt" "$@" ./opxupdateu/opxupdateu_proj.bin "-s bench" "-p $report" \
+        >/dev/null 2>"$bench/out/stderr.txt")
+    head -n 1 "$report/pro_update_result.log" | grep -qx '\[成功\]' || { echo "download failed" >&2; exit 1; }
+    end=$(stat -c %.9Y "$report/pro_update_result.log")
+    rm -rf "$report"
+    echo "$(echo "$end - $start" | bc) $(cat "$bench/time.txt")"
+}
+fresh_panel() { rm -rf "$bench/panel"; cp -a "$bench/panel-pristine" "$bench/panel"; sync; }
+baseline() {
+    rm -rf "$bench/copy"
+    sync
+    local start end
+    start=$(date +%s.%N)
+    cp -a "$source_dir" "$bench/copy"
+    "$build/tools/bench/opxbench_crc32" "$source_dir" >/dev/null
+    "$build/tools/bench/opxbench_crc32" "$bench/copy" >/dev/null
+    end=$(date +%s.%N)
+    echo "$end - $start" | bc
+}
+median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+
+package_times=() baseline_times=() again_times=() peak=0
+for round in 1 2 3; do
+    fresh_panel
+    read -r seconds kib < <(download)
+    package_times+=("$seconds")
+    [ "$kib" -gt "$peak" ] && peak=$kib
+    read -r seconds kib < <(download)
+    again_times+=("$seconds")
+    [ "$kib" -gt "$peak" ] && peak=$kib
+    baseline_times+=("$(baseline)")
+done
+
+# One more first download, its GUI thread's polls recorded: the longest
+# stretch between leaving one poll and entering the next.
+fresh_panel
+download perf record -q -e 'syscalls:sys_enter_poll' -e 'syscalls:sys_exit_poll' \
+    -e 'syscalls:sys_enter_ppoll' -e 'syscalls:sys_exit_ppoll' -o "$bench/perf.data" -- >/dev/null
+gap=$(perf script -i "$bench/perf.data" -F comm,pid,tid,time,event 2>/dev/null | awk '
+    $1 == "opxupdateu_proj" {
+        split($2, ids, "/"); if (ids[1] != ids[2]) next
+        t = $3 + 0
+        if (first == "") first = t
+        if ($4 ~ /enter/) { if (left != "" && t - left > longest) { longest = t - left; at = left - first } }
+        else left = t
+    }
+    END { printf "%.0f %.2f\n", longest * 1000, at }')
+read -r gap_ms gap_at <<<"$gap"
+
+inflate=$("$build/tools/bench/opxbench_inflate" "$bench/project/big.bin" "$bench/out")
+
+package=$(median "${package_times[@]}")
+copy=$(median "${baseline_times[@]}")
+again=$(median "${again_times[@]}")
+echo
+echo "Download of $mib MiB (1 file of $((big / 1048576)) MiB, 500 of $((small / 1024)) KiB), 3 rounds, alternating:"
+seconds() { printf '%.2f ' "$@"; }
+printf '  package, first download     %.2f s (median of %s)\n' "$package" "$(seconds "${package_times[@]}")"
+printf '  cp -a + 2 CRC-32 passes     %.2f s (median of %s)\n' "$copy" "$(seconds "${baseline_times[@]}")"
+printf '  ratio                       %.2f   (goal <= 1.4)\n' "$(echo "$package / $copy" | bc -l)"
+printf '  longest time without polls  %s ms, %s s into the run   (goal <= 50)\n' "$gap_ms" "$gap_at"
+printf '  peak resident memory        %.1f MiB   (goal <= 64)\n' "$(echo "$peak / 1024" | bc -l)"
+printf '  unchanged re-download       %.2f s = %.2f of the first   (goal <= 0.6)\n' "$again" "$(echo "$again / $package" | bc -l)"
+echo "Upload of the $((big / 1048576)) MiB file, best of 3 each:"
+echo "  $inflate   (goal >= 0.9)"
