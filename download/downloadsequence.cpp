@@ -213,6 +213,9 @@ void dlgDownLoad::runSequence()
 
     setTextEditContent(msg(2117));
     const bool runtimeSound = checkAppIntegrity(INSTALLED_APP, Kavo_GetDirectory(0));
+    // A stop while md5sum ran says nothing about the runtime.
+    if (endOnStop())
+        return;
     setTextEditContent(msg(2118));
 
     if (!runtimeSound) {
@@ -233,6 +236,8 @@ void dlgDownLoad::runSequence()
         const QString runtimeDir = root + QLatin1Char('/') + m_projectName + QLatin1Char('/') + m_packageProduct
                                    + QLatin1Char('/') + m_variantName + QStringLiteral("kavo_app/");
         if (!checkAppIntegrity(PACKAGE_APP, runtimeDir.toUtf8().constData())) {
+            if (endOnStop())
+                return;
             failWith(msg(2040));
             return;
         }

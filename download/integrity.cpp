@@ -6,20 +6,32 @@
 #include "download/qsettingsfactory.h"
 #include "platform/platform.h"
 
+#include <QCoreApplication>
 #include <QFile>
 #include <QSettings>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <optional>
+#include <vector>
 #include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
 
+extern char** environ;
+
 namespace {
 
-constexpr qint64 kCrcChunk = 4096;
+// Files are read for their checksum in pieces of this size: large enough that
+// the system calls cost little against the reading, small enough to keep the
+// screen's events coming several times per millisecond.
+constexpr qint64 kCrcChunk = 64 * 1024;
 constexpr qint64 kSizeLimit = Q_INT64_C(1) << 32;
 
 // The working directory at construction, taken back on destruction. Held as a
@@ -63,23 +75,59 @@ QByteArray shellQuoted(const QByteArray& word)
 
 // md5sum's report is read in lines of at most this size, terminator included.
 constexpr size_t kLineBytes = 1024;
+// The longest wait for md5sum's output without a look at the screen.
+constexpr int kPollMs = 5;
 
-// The output of a command, in the lines fgets would give: each ends after a
-// newline or after kLineBytes - 1 bytes, whichever comes first. It reads the
-// pipe's descriptor itself because fgets cannot be trusted here: when a
-// signal interrupts its read, it drops the part of the line it already had and
-// returns the same null as at the end of the output. A timer signal during the
-// check would then end it early, and a runtime that md5sum was about to
-// reject would pass.
+// A shell command whose standard output is read through a pipe, as popen(cmd,
+// "r") would run it, but with the pipe's descriptor and the child's process
+// group in hand: md5sum takes seconds over a runtime on a panel, and the
+// screen must stay alive and a stop be honoured while it does.
+//
+// The output comes in the lines fgets would give: each ends after a newline or
+// after kLineBytes - 1 bytes, whichever comes first. fgets itself cannot be
+// trusted here: when a signal interrupts its read, it drops the part of the
+// line it already had and returns the same null as at the end of the output.
+// A timer signal during the check would then end it early, and a runtime that
+// md5sum was about to reject would pass.
 class CommandOutput
 {
 public:
-    enum Result { Line, End, Failed };
+    enum Result { Line, End, Failed, Stopped };
 
-    explicit CommandOutput(FILE* pipe)
-        : m_fd(fileno(pipe))
+    // `waiting` is called while the output is awaited, at least every kPollMs;
+    // it keeps the screen alive and returns true when the command is to be
+    // given up.
+    CommandOutput(const QByteArray& command, std::function<bool()> waiting)
+        : m_waiting(std::move(waiting))
     {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            return;
+        posix_spawn_file_actions_t actions;
+        posix_spawnattr_t attributes;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+        posix_spawnattr_init(&attributes);
+        // A group of its own, so that a stop ends the shell and md5sum alike.
+        posix_spawnattr_setpgroup(&attributes, 0);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+        const char* const argv[] = {"sh", "-c", command.constData(), nullptr};
+        if (posix_spawn(&m_child, "/bin/sh", &actions, &attributes, const_cast<char* const*>(argv), environ) != 0)
+            m_child = -1;
+        posix_spawnattr_destroy(&attributes);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(ends[1]);
+        if (m_child == -1)
+            ::close(ends[0]);
+        else
+            m_fd = ends[0];
     }
+
+    ~CommandOutput() { close(); }
+    CommandOutput(const CommandOutput&) = delete;
+    CommandOutput& operator=(const CommandOutput&) = delete;
+
+    bool started() const { return m_fd >= 0; }
 
     // The next line into `line`, zero-terminated and with its newline.
     Result next(char (&line)[kLineBytes])
@@ -88,8 +136,8 @@ public:
         while (length < kLineBytes - 1) {
             if (m_begin == m_end) {
                 const Result filled = fill();
-                if (filled == Failed)
-                    return Failed;
+                if (filled == Failed || filled == Stopped)
+                    return filled;
                 if (filled == End) {
                     if (length == 0)
                         return End;
@@ -108,24 +156,58 @@ public:
     // Line when more output follows, End when the output is over.
     Result peek() { return m_begin < m_end ? Line : fill(); }
 
+    // Ends the reading and waits for the command, which is ended first when
+    // its output was not read to the end. False when it cannot be waited for.
+    bool close()
+    {
+        if (m_fd < 0)
+            return true;
+        ::close(m_fd);
+        m_fd = -1;
+        // The rest of a report that is no longer read is of no interest.
+        if (!m_ended)
+            kill(-m_child, SIGKILL);
+        int status = 0;
+        pid_t waited;
+        do
+            waited = waitpid(m_child, &status, 0);
+        while (waited == -1 && errno == EINTR);
+        return waited == m_child;
+    }
+
 private:
     Result fill()
     {
         for (;;) {
+            // Called before every wait and every read, so that output that
+            // comes steadily does not starve the screen either.
+            if (m_waiting())
+                return Stopped;
+            pollfd ready = {m_fd, POLLIN, 0};
+            const int count = poll(&ready, 1, kPollMs);
+            if (count == 0 || (count < 0 && errno == EINTR))
+                continue;
+            if (count < 0)
+                return Failed;
             const ssize_t got = ::read(m_fd, m_buffer, sizeof m_buffer);
             if (got > 0) {
                 m_begin = 0;
                 m_end = static_cast<size_t>(got);
                 return Line;
             }
-            if (got == 0)
+            if (got == 0) {
+                m_ended = true;
                 return End;
+            }
             if (errno != EINTR)
                 return Failed;
         }
     }
 
-    int m_fd;
+    std::function<bool()> m_waiting;
+    pid_t m_child = -1;
+    int m_fd = -1;
+    bool m_ended = false;
     char m_buffer[kLineBytes];
     size_t m_begin = 0;
     size_t m_end = 0;
@@ -140,28 +222,73 @@ QString crcText(unsigned int crc)
 
 } // namespace
 
+bool ProjectDownload::processEventsAndTestStop()
+{
+    QCoreApplication::processEvents();
+    m_sinceEvents.start();
+    return m_stop;
+}
+
+bool ProjectDownload::keepScreenAlive()
+{
+    if (!m_sinceEvents.isValid() || m_sinceEvents.hasExpired(kEventIntervalMs))
+        return processEventsAndTestStop();
+    return m_stop;
+}
+
+void ProjectDownload::rememberInPlace(const QString& path, unsigned int crc)
+{
+    struct stat info;
+    if (stat(QFile::encodeName(path).constData(), &info) == 0)
+        m_inPlace.insert(path, InPlaceFile{info, crc});
+}
+
+bool ProjectDownload::inPlaceCrc(const QString& path, unsigned int& crc) const
+{
+    const auto known = m_inPlace.constFind(path);
+    struct stat now;
+    if (known == m_inPlace.cend() || stat(QFile::encodeName(path).constData(), &now) != 0)
+        return false;
+    // Any write, truncation or replacement since the file was measured
+    // changes its identity, size or change time, which nothing can set back.
+    const struct stat& then = known->identity;
+    if (now.st_dev != then.st_dev || now.st_ino != then.st_ino || now.st_size != then.st_size
+        || now.st_mtim.tv_sec != then.st_mtim.tv_sec || now.st_mtim.tv_nsec != then.st_mtim.tv_nsec
+        || now.st_ctim.tv_sec != then.st_ctim.tv_sec || now.st_ctim.tv_nsec != then.st_ctim.tv_nsec)
+        return false;
+    crc = known->crc;
+    return true;
+}
+
 bool ProjectDownload::CalcFileCrc(const std::string& path, unsigned int& crc)
 {
     crc = 0;
     QFile file(QString::fromStdString(path));
-    if (!file.exists() || !file.open(QIODevice::ReadOnly))
+    if (!file.exists() || !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         return false;
 
     qint64 remaining = file.size();
     if (!file.seek(0))
         return false;
 
-    char buffer[kCrcChunk];
+    // A large file on a stick takes seconds to read, and so do many small
+    // ones: the screen and the stop button stay alive meanwhile. A stop gives
+    // up the file like a failed read.
+    std::vector<char> buffer(kCrcChunk);
     while (remaining > 0) {
         const qint64 count = qMin(remaining, kCrcChunk);
-        if (file.read(buffer, count) != count) {
+        if (file.read(buffer.data(), count) != count) {
             file.close();
             crc = 0;
             return false;
         }
         crc = static_cast<unsigned int>(
-            crc32(crc, reinterpret_cast<const Bytef*>(buffer), static_cast<uInt>(count)));
+            crc32(crc, reinterpret_cast<const Bytef*>(buffer.data()), static_cast<uInt>(count)));
         remaining -= count;
+        if (keepScreenAlive()) {
+            crc = 0;
+            return false;
+        }
     }
     return true;
 }
@@ -197,8 +324,13 @@ bool ProjectDownload::checkFileCRC(downLoadStatus status)
             return false;
         }
 
+        // A file that the copy found in place and left alone was measured
+        // there already; reading it once more would prove nothing new.
         unsigned int crc = 0;
-        CalcFileCrc(path.toStdString(), crc);
+        if (inPackage || !inPlaceCrc(path, crc))
+            CalcFileCrc(path.toStdString(), crc);
+        if (m_stop)
+            return false;
         if (!info.crc.isEmpty() && info.crc != crcText(crc)) {
             setTextEditContent(msg(inPackage ? 2019 : 2017));
             return false;
@@ -252,24 +384,25 @@ bool ProjectDownload::checkAppIntegrity(checkPath which, const char* dir)
     }
 
     const QByteArray command = "md5sum -c " + shellQuoted(listName.toUtf8()) + " 2>&1";
-    FILE* pipe = popen(command.constData(), "r");
-    if (pipe == nullptr) {
+    CommandOutput output(command, [this] { return keepScreenAlive(); });
+    if (!output.started()) {
         if (package)
             resetUpgrageUI(msg(2067).arg(listName));
         return false;
     }
 
-    CommandOutput output(pipe);
     char line[kLineBytes];
     for (;;) {
         const CommandOutput::Result got = output.next(line);
         if (got == CommandOutput::End)
             break;
+        // A stop has been told by the stop button; the caller ends the run.
+        if (got == CommandOutput::Stopped)
+            return false;
         if (got == CommandOutput::Failed) {
             // Output that could not be read whole proves nothing.
             if (package)
                 resetUpgrageUI(msg(2067).arg(listName));
-            pclose(pipe);
             return false;
         }
         const size_t length = strlen(line);
@@ -280,7 +413,6 @@ bool ProjectDownload::checkAppIntegrity(checkPath which, const char* dir)
 
         if (package) {
             resetUpgrageUI(msg(2068).arg(QString::fromUtf8(line)));
-            pclose(pipe);
             return false;
         }
         // A changed logger configuration of the installed runtime is allowed,
@@ -288,13 +420,13 @@ bool ProjectDownload::checkAppIntegrity(checkPath which, const char* dir)
         // nothing of its own: only a failure followed by more output counts.
         if (strstr(line, "logger.ini") != nullptr)
             continue;
-        if (output.peek() == CommandOutput::End)
+        const CommandOutput::Result more = output.peek();
+        if (more == CommandOutput::End)
             continue;
-        pclose(pipe);
         return false;
     }
 
-    if (pclose(pipe) == -1)
+    if (!output.close())
         perror("checkFile pclose failed!\n");
     return true;
 }

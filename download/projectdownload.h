@@ -26,6 +26,8 @@
 #include "download/accessfile.h"
 #include "text/multilingualmanager.h"
 
+#include <QElapsedTimer>
+#include <QHash>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -139,7 +141,9 @@ public:
     // Size and CRC-32 of every listed file, in the package or on the panel.
     bool checkFileCRC(downLoadStatus status);
 
-    // A runtime tree against its MD5 list with the system's md5sum.
+    // A runtime tree against its MD5 list with the system's md5sum. The screen
+    // stays alive while md5sum runs; a stop ends the check with false and no
+    // report.
     bool checkAppIntegrity(checkPath which, const char* dir);
 
     // --- Disk space ---------------------------------------------------------
@@ -197,6 +201,28 @@ public:
     static QString destinationPath(const FILE_INFO& info);
 
 protected:
+    // Processes pending events, so that the screen stays alive and the stop
+    // button works during long reading and copying; true once a stop has been
+    // asked for.
+    bool processEventsAndTestStop();
+    // The same, where events need not be processed on every call: only when
+    // kEventIntervalMs have passed since they last were.
+    bool keepScreenAlive();
+    static constexpr int kEventIntervalMs = 10;
+    QElapsedTimer m_sinceEvents;
+
+    // A destination that updateProjectFile found in place, as it was then.
+    struct InPlaceFile
+    {
+        struct stat identity;
+        unsigned int crc;
+    };
+    // Remembers the CRC-32 just computed of a file left in place.
+    void rememberInPlace(const QString& path, unsigned int crc);
+    // The remembered CRC-32 of `path`, when it is still the file measured.
+    bool inPlaceCrc(const QString& path, unsigned int& crc) const;
+    QHash<QString, InPlaceFile> m_inPlace;
+
     enum class QuestionIcon { Information, Question };
 
     // A progress line in the text pane; keeps the screen alive.

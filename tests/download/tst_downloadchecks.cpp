@@ -5,9 +5,12 @@
 
 #include <QtTest>
 
+#include <QAbstractEventDispatcher>
+
 #include <csignal>
 #include <memory>
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/mount.h>
 #include <sys/time.h>
 #include <zlib.h>
@@ -22,6 +25,58 @@ qint64 treeSize(const QString& path)
     while (it.hasNext())
         total += QFileInfo(it.next()).size();
     return total;
+}
+
+// A sparse file of `size` zero bytes in the package, listed with its size and CRC-32.
+bool writeZeroProject(qint64 size)
+{
+    QFile file("proj/v7/zero.bin");
+    if (!QDir().mkpath("proj/v7") || !file.open(QIODevice::WriteOnly) || !file.resize(size))
+        return false;
+    const Bytef zero = 0;
+    uLong crc = crc32(0, &zero, 1);
+    for (qint64 length = 1; length < size; length *= 2)
+        crc = crc32_combine(crc, crc, z_off_t(length));
+    return testenv::writeFile("proj/v7/project.ini",
+                              "[GLOBAL]\nOPXPlatform=10\nOPXName=KP\nVERSION=1\nFILENUM=1\n[FILE1]\nNAME=zero.bin\nSIZE="
+                                  + QByteArray::number(size) + "\nDESPATH=/usr/kavo_app/project\nCRC="
+                                  + QByteArray::number(qulonglong(crc), 16).toUpper() + "\n");
+}
+
+// When the event loop last looked at pending events, and how often it did.
+class EventWatch : public QObject
+{
+public:
+    EventWatch()
+    {
+        connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this, [this] {
+            m_longest = qMax(m_longest, m_since.restart());
+            ++m_rounds;
+        });
+    }
+    void start()
+    {
+        m_since.start();
+        m_longest = 0;
+        m_rounds = 0;
+    }
+    // The longest stretch without a look, up to now.
+    qint64 longest() const { return qMax(m_longest, m_since.elapsed()); }
+    qint64 rounds() const { return m_rounds; }
+
+private:
+    QElapsedTimer m_since;
+    qint64 m_longest = 0;
+    qint64 m_rounds = 0;
+};
+
+// A stand-in md5sum that reports one good file, then takes its time over the next.
+bool writeSlowMd5sum(const QByteArray& pause)
+{
+    return testenv::writeFile("bin/md5sum", "#!/bin/sh\necho $$ >md5sum.pid\necho 'bin/kavo_app: OK'\nsleep " + pause
+                                                + "\necho 'lib/libkavo.so: OK'\n")
+           && QFile::setPermissions("bin/md5sum", QFile::ReadOwner | QFile::ExeOwner)
+           && testenv::writeFile("rt/update.ini", "[PREPARE]\nversion=7.2.1\n") && testenv::writeFile("rt/version.7.2.1", {});
 }
 
 } // namespace
@@ -39,6 +94,10 @@ private slots:
     void readings();
     void corners();
     void integrityUnderSignals();
+    void eventsKeepComing();
+    void stopHonoured_data();
+    void stopHonoured();
+    void inPlaceFileVerified();
     void bigFile();
     void freeSpace_data();
     void freeSpace();
@@ -182,6 +241,124 @@ void tst_DownloadChecks::integrityUnderSignals()
     sigaction(SIGALRM, &previous, nullptr);
     qputenv("PATH", path);
     QVERIFY(!passed);
+}
+
+// A large project checked in the package, copied and checked on the panel, and a runtime whose
+// md5sum takes half a second: the screen's events are looked at all along, and during the copy
+// at least once for every 1024 bytes.
+void tst_DownloadChecks::eventsKeepComing()
+{
+    const qint64 size = 256 << 20;
+    QVERIFY(writeZeroProject(size) && writeSlowMd5sum("0.5"));
+    QVERIFY(m_download->parseIniFile("./proj/v7/project.ini"));
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", QFile::encodeName(QDir::currentPath()) + "/bin:" + path);
+    EventWatch watch;
+    QElapsedTimer step;
+
+    for (const char* name : {"package check", "copy", "panel check", "md5sum"}) {
+        const QByteArray which(name);
+        watch.start();
+        step.start();
+        bool done = false;
+        if (which == "package check")
+            done = m_download->checkFileCRC(BEFORE_DOWNLOAD);
+        else if (which == "copy")
+            done = m_download->updateProjectFile();
+        else if (which == "panel check")
+            done = m_download->checkFileCRC(AFTER_DOWNLOAD);
+        else
+            done = m_download->checkAppIntegrity(INSTALLED_APP, QFile::encodeName(QFileInfo("rt").absoluteFilePath()).constData());
+        QVERIFY2(done, name);
+        QVERIFY2(watch.longest() <= 50, qPrintable(QStringLiteral("%1: %2 ms without events in %3 ms")
+                                                       .arg(name).arg(watch.longest()).arg(step.elapsed())));
+        if (which == "copy")
+            QVERIFY2(watch.rounds() >= size / 1024, qPrintable(QString::number(watch.rounds())));
+    }
+    qputenv("PATH", path);
+    QCOMPARE(m_download->events, QStringList());
+}
+
+// A stop pressed while a file is checked or copied, or while md5sum runs, ends that step at once
+// and quietly: the stop button has told it, and a check cut short proves nothing wrong. md5sum is
+// not left running.
+void tst_DownloadChecks::stopHonoured_data()
+{
+    QTest::addColumn<QString>("step");
+    for (const char* step : {"package check", "copy", "panel check", "md5sum installed", "md5sum package"})
+        QTest::newRow(step) << step;
+}
+
+void tst_DownloadChecks::stopHonoured()
+{
+    QFETCH(QString, step);
+    QVERIFY(writeZeroProject(Q_INT64_C(3) << 30) && writeSlowMd5sum("30"));
+    QVERIFY(m_download->parseIniFile("./proj/v7/project.ini"));
+    const QString copy = m_panel->path("/usr/kavo_app/project/zero.bin");
+    if (step == "panel check") {
+        QFile panelCopy(copy);
+        QVERIFY(QDir().mkpath(QFileInfo(copy).path()) && panelCopy.open(QIODevice::WriteOnly)
+                && panelCopy.resize(Q_INT64_C(3) << 30));
+    }
+    if (step == "md5sum package")
+        QVERIFY(kit::writeScrambled("rt/update.ini", "####\n[PREPARE]\nversion=7.2.1\n"));
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", QFile::encodeName(QDir::currentPath()) + "/bin:" + path);
+
+    QObject press;
+    QTimer::singleShot(50, &press, [this] { m_download->m_stop = true; });
+    QElapsedTimer took;
+    took.start();
+    bool done = true;
+    if (step == "package check")
+        done = m_download->checkFileCRC(BEFORE_DOWNLOAD);
+    else if (step == "copy")
+        done = m_download->updateProjectFile();
+    else if (step == "panel check")
+        done = m_download->checkFileCRC(AFTER_DOWNLOAD);
+    else
+        done = m_download->checkAppIntegrity(step.endsWith("installed") ? INSTALLED_APP : PACKAGE_APP,
+                                              QFile::encodeName(QFileInfo("rt").absoluteFilePath()).constData());
+    qputenv("PATH", path);
+    QVERIFY2(!done, qPrintable(m_download->events.join('|')));
+    QVERIFY2(took.elapsed() < 3000, qPrintable(QString::number(took.elapsed())));
+    QCOMPARE(m_download->events.join('|'), QString());
+    if (step.startsWith("md5sum")) {
+        // Ended, or ended and waiting for whoever inherits it to collect it.
+        const QByteArray md5sum = testenv::readFile("rt/md5sum.pid").trimmed();
+        QVERIFY(md5sum.toInt() > 0);
+        QTRY_VERIFY(!testenv::readFile("/proc/" + md5sum + "/stat").contains(") S ")
+                    && !testenv::readFile("/proc/" + md5sum + "/stat").contains(") R "));
+    }
+    if (step == "copy")
+        QVERIFY(QFileInfo(copy).size() < (Q_INT64_C(3) << 30));
+}
+
+// A file the copy found in place is not read again by the check on the panel, but a change to it
+// in between, however well hidden, is still found.
+void tst_DownloadChecks::inPlaceFileVerified()
+{
+    QVERIFY(testenv::writeFile("proj/v7/a.bin", "in place\n") && testenv::writeFile("proj/v7/project.ini",
+        "[GLOBAL]\nOPXPlatform=10\nOPXName=KP\nVERSION=1\nFILENUM=1\n[FILE1]\nNAME=a.bin\nSIZE=9\n"
+        "DESPATH=/usr/kavo_app/project\nCRC=" + QByteArray::number(qulonglong(crc32(0, reinterpret_cast<const Bytef*>("in place\n"), 9)), 16).toUpper() + "\n"));
+    QVERIFY(m_download->parseIniFile("./proj/v7/project.ini"));
+    const QString copy = m_panel->path("/usr/kavo_app/project/a.bin");
+    QVERIFY(testenv::writeFile(copy, "in place\n"));
+    struct stat before;
+    QVERIFY(stat(QFile::encodeName(copy).constData(), &before) == 0);
+
+    QVERIFY(m_download->updateProjectFile());
+    struct stat after;
+    QVERIFY(stat(QFile::encodeName(copy).constData(), &after) == 0);
+    QCOMPARE(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
+    QVERIFY(m_download->checkFileCRC(AFTER_DOWNLOAD));
+
+    // Same size, same modification time: only the change time tells.
+    QVERIFY(testenv::writeFile(copy, "replaced\n"));
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    QVERIFY(utimensat(AT_FDCWD, QFile::encodeName(copy).constData(), times, 0) == 0);
+    QVERIFY(!m_download->checkFileCRC(AFTER_DOWNLOAD));
+    QCOMPARE(m_download->events, QStringList{"text: " + msg(2017)});
 }
 
 // A project file of 2 GiB + 1 byte, its SIZE read as the unsigned 32-bit number it is, checked in
