@@ -32,8 +32,10 @@ constexpr char kSuffixKey[] = "/PROJECTINFO/SUFFIX_NAME";
 // Extension used when the project settings name none.
 const QString kDefaultSuffix = QStringLiteral(".KVP");
 
-// Input and output chunk of the unpacking, in bytes.
-constexpr int kUnpackChunk = 16348;
+// Input and output chunk of the unpacking, in bytes. Inflating itself runs at
+// several times the speed of the page cache; what decides the throughput is
+// the cost per read and write, so the chunks are large.
+constexpr int kUnpackChunk = 1 << 20;
 
 // The container's fixed header: the magic, then two 32-bit words.
 constexpr char kMagic[] = "KAVOZIPE";
@@ -266,8 +268,6 @@ bool unpackProject(const QString& packedPath, const QString& targetPath, const s
     int result = Z_OK;
     bool failed = false;
     do {
-        std::fill(input.begin(), input.end(), 0);
-        std::fill(output.begin(), output.end(), 0);
         stream.avail_in = uInt(fread(input.data(), 1, input.size(), in));
         if (ferror(in)) {
             failed = true;
