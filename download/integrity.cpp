@@ -222,17 +222,12 @@ QString crcText(unsigned int crc)
 
 } // namespace
 
-bool ProjectDownload::processEventsAndTestStop()
-{
-    QCoreApplication::processEvents();
-    m_sinceEvents.start();
-    return m_stop;
-}
-
 bool ProjectDownload::keepScreenAlive()
 {
-    if (!m_sinceEvents.isValid() || m_sinceEvents.hasExpired(kEventIntervalMs))
-        return processEventsAndTestStop();
+    if (!m_sinceEvents.isValid() || m_sinceEvents.hasExpired(kEventIntervalMs)) {
+        QCoreApplication::processEvents();
+        m_sinceEvents.start();
+    }
     return m_stop;
 }
 

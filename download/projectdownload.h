@@ -201,12 +201,9 @@ public:
     static QString destinationPath(const FILE_INFO& info);
 
 protected:
-    // Processes pending events, so that the screen stays alive and the stop
-    // button works during long reading and copying; true once a stop has been
-    // asked for.
-    bool processEventsAndTestStop();
-    // The same, where events need not be processed on every call: only when
-    // kEventIntervalMs have passed since they last were.
+    // Processes pending events once kEventIntervalMs have passed since they
+    // last were, so that the screen stays alive and the stop button works
+    // during long reading; true once a stop has been asked for.
     bool keepScreenAlive();
     static constexpr int kEventIntervalMs = 10;
     QElapsedTimer m_sinceEvents;
