@@ -47,8 +47,10 @@ bool samePath(const QString& a, const QString& b)
     const QFileInfo second(b);
     if (QDir::cleanPath(first.absoluteFilePath()) == QDir::cleanPath(second.absoluteFilePath()))
         return true;
-    const QString canonical = first.canonicalFilePath();
-    return !canonical.isEmpty() && canonical == second.canonicalFilePath();
+    // A destination not yet there cannot be the source; asking it first spares
+    // resolving the source's path on every file of a first download.
+    const QString canonical = second.canonicalFilePath();
+    return !canonical.isEmpty() && canonical == first.canonicalFilePath();
 }
 
 } // namespace

@@ -212,12 +212,17 @@ void tst_DownloadChecks::corners()
     QVERIFY(m_download->removeDir(m_panel->path("/gone")));
     QVERIFY(!m_download->checkAppIntegrity(INSTALLED_APP, m_panel->path("/gone").toUtf8().constData()));
     QVERIFY(QDir(m_panel->path("/data")).removeRecursively() && !m_download->checkUserFileArea());
-    QVERIFY(testenv::writeFile("proj/v7/a.bin", "own destination\n"));
     m_download->m_fileList = {{"DownLoadFile/", "1", 1, QString(), "./proj/v7/"}}; // names no file on the panel
     QVERIFY(m_download->checkFileCRC(AFTER_DOWNLOAD));
-    m_download->m_fileList = {{"a.bin", "1", 16, QDir::currentPath() + "/proj/v7/", "./proj/v7/"}};
-    QVERIFY(m_download->updateProjectFile());
-    QCOMPARE(testenv::readFile("proj/v7/a.bin"), QByteArray("own destination\n"));
+    // A file that is its own destination, by its path or behind a link: a
+    // copy would truncate the source before reading it.
+    const QString own = m_panel->path("/own/");
+    QVERIFY(testenv::writeFile(own + "a.bin", "own destination\n") && QFile::link(own, m_panel->path("/via")));
+    for (const QString& destination : {own, m_panel->path("/via/")}) {
+        m_download->m_fileList = {{"a.bin", "1", 16, destination, own}};
+        QVERIFY(m_download->updateProjectFile());
+        QCOMPARE(testenv::readFile(own + "a.bin"), QByteArray("own destination\n"));
+    }
     QCOMPARE(m_download->events, QStringList{"fail: " + msg(2064).arg(m_panel->path("/gone"))});
 }
 
