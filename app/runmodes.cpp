@@ -94,7 +94,7 @@ int startPackage(int argc, char* argv[])
 
     // Qt's own event dispatcher rather than GLib's: the copy processes events
     // every 1024 bytes, a quarter million times for 256 MiB, and each call
-    // costs a sixth less there (tools/bench/eventcost.cpp). The variable is
+    // costs a fifth less there (tools/bench/eventcost.cpp). The variable is
     // read only while the application is made; the runtime updater and the
     // other programs started from here get the environment they came with.
     const bool dispatcherLeftOpen = !qEnvironmentVariableIsSet("QT_NO_GLIB");
