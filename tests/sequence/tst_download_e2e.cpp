@@ -148,6 +148,8 @@ private slots:
     void initTestCase();
     void download_data();
     void download();
+    void childEnvironment_data();
+    void childEnvironment();
 
 private:
     bool m_canMount = false;
@@ -484,6 +486,60 @@ void tst_download_e2e::download()
     // Nothing beside the panel root, and no clear copy of a scrambled file in its /tmp.
     QCOMPARE(QDir(panelDir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList{"panel"});
     QCOMPARE(QDir(panel + "/tmp").entryList({"*.ini*"}, QDir::Files | QDir::Hidden | QDir::System), QStringList());
+}
+
+// The event dispatcher the package picks for itself is nobody else's business: what it starts (md5sum
+// here) runs with the environment the package was started with.
+void tst_download_e2e::childEnvironment_data()
+{
+    QTest::addColumn<QString>("noGlib"); // QT_NO_GLIB at the start; null: not set
+    QTest::newRow("not set") << QString();
+    QTest::newRow("set by the caller") << QStringLiteral("1");
+}
+
+void tst_download_e2e::childEnvironment()
+{
+    QFETCH(QString, noGlib);
+    QTemporaryDir panelDir;
+    QTemporaryDir stickDir;
+    QTemporaryDir binDir;
+    testenv::OptionSafeDir outDir;
+    QVERIFY(panelDir.isValid() && stickDir.isValid() && binDir.isValid() && outDir.isValid());
+    const QString panel = panelDir.path() + "/panel";
+    const QString stick = stickDir.path();
+    kit::PackageSpec package;
+    package.executable = qEnvironmentVariable("OPX_EXECUTABLE");
+    // The run ends at the version check, after md5sum and before any countdown.
+    kit::ProjectSpec project;
+    project.minRunVersion = QString();
+    QVERIFY(kit::makePanel(panel, kit::PanelSpec()) && kit::writePackage(stick, package)
+            && kit::writeProject(stick, project));
+    const QString seen = binDir.path() + "/seen";
+    const QString md5sum = binDir.path() + "/md5sum";
+    QVERIFY(testenv::writeFile(md5sum, "#!/bin/sh\necho \"${QT_NO_GLIB-not set}\" >> '" + seen.toUtf8()
+                                           + "'\nexec /usr/bin/md5sum \"$@\"\n"));
+    QVERIFY(QFile::setPermissions(md5sum, QFile::ReadOwner | QFile::ExeOwner));
+
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("KAVO_PANEL_ROOT", panel);
+    env.insert("QT_QPA_PLATFORM", "offscreen");
+    env.insert("PATH", binDir.path() + ':' + env.value("PATH"));
+    if (noGlib.isNull())
+        env.remove("QT_NO_GLIB");
+    else
+        env.insert("QT_NO_GLIB", noGlib);
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.setWorkingDirectory(stick);
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.start(stick + "/opxupdateu/opxupdateu_proj.bin", {"-s proj", "-p " + outDir.path()});
+    QVERIFY2(process.waitForFinished(60000), "the run did not end");
+    QVERIFY(testenv::readFile(outDir.path() + "/pro_update_result.log").contains((msg(2036) + '\n').toUtf8()));
+    const QStringList values = QString::fromUtf8(testenv::readFile(seen)).split('\n', Qt::SkipEmptyParts);
+    QVERIFY2(!values.isEmpty(), "md5sum was not run");
+    for (const QString& value : values)
+        QCOMPARE(value, noGlib.isNull() ? QStringLiteral("not set") : noGlib);
 }
 
 QTEST_GUILESS_MAIN(tst_download_e2e)
