@@ -97,10 +97,13 @@ int startPackage(int argc, char* argv[])
     // costs a fifth less there (tools/bench/eventcost.cpp). The variable is
     // read only while the application is made; the runtime updater and the
     // other programs started from here get the environment they came with.
-    const bool dispatcherLeftOpen = !qEnvironmentVariableIsSet("QT_NO_GLIB");
+    const bool callerSetNoGlib = qEnvironmentVariableIsSet("QT_NO_GLIB");
+    const QByteArray callersNoGlib = qgetenv("QT_NO_GLIB");
     qputenv("QT_NO_GLIB", "1");
     QApplication app(clientArgc, clientArgv.data());
-    if (dispatcherLeftOpen)
+    if (callerSetNoGlib)
+        qputenv("QT_NO_GLIB", callersNoGlib);
+    else
         qunsetenv("QT_NO_GLIB");
     initKavoResources();
 

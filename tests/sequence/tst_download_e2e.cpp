@@ -495,6 +495,7 @@ void tst_download_e2e::childEnvironment_data()
     QTest::addColumn<QString>("noGlib"); // QT_NO_GLIB at the start; null: not set
     QTest::newRow("not set") << QString();
     QTest::newRow("set by the caller") << QStringLiteral("1");
+    QTest::newRow("set empty by the caller") << QStringLiteral("");
 }
 
 void tst_download_e2e::childEnvironment()
@@ -516,7 +517,7 @@ void tst_download_e2e::childEnvironment()
             && kit::writeProject(stick, project));
     const QString seen = binDir.path() + "/seen";
     const QString md5sum = binDir.path() + "/md5sum";
-    QVERIFY(testenv::writeFile(md5sum, "#!/bin/sh\necho \"${QT_NO_GLIB-not set}\" >> '" + seen.toUtf8()
+    QVERIFY(testenv::writeFile(md5sum, "#!/bin/sh\necho \"${QT_NO_GLIB+set:}${QT_NO_GLIB-not set}\" >> '" + seen.toUtf8()
                                            + "'\nexec /usr/bin/md5sum \"$@\"\n"));
     QVERIFY(QFile::setPermissions(md5sum, QFile::ReadOwner | QFile::ExeOwner));
 
@@ -539,7 +540,7 @@ void tst_download_e2e::childEnvironment()
     const QStringList values = QString::fromUtf8(testenv::readFile(seen)).split('\n', Qt::SkipEmptyParts);
     QVERIFY2(!values.isEmpty(), "md5sum was not run");
     for (const QString& value : values)
-        QCOMPARE(value, noGlib.isNull() ? QStringLiteral("not set") : noGlib);
+        QCOMPARE(value, noGlib.isNull() ? QStringLiteral("not set") : "set:" + noGlib);
 }
 
 QTEST_GUILESS_MAIN(tst_download_e2e)
