@@ -26,7 +26,7 @@ struct Scenario
 {
     kit::PanelSpec panel;
     kit::ProjectSpec project;
-    QStringList env;          // extra environment of the run
+    QStringList env;          // extra environment of the run, see preparePackageRun()
     QStringList mount;        // tmpfs options and the panel path it is mounted over
     Tree edits; // "stick/..." or panel; null removes, "/" makes a directory, "link:", "copy:"
     bool pullStick = false;   // the project leaves the stick once the copy starts
@@ -101,6 +101,25 @@ void row(const char* tag, const QStringList& lines, const std::function<void(Sce
         s.changes = changes;
     }
     QTest::newRow(tag) << s;
+}
+
+// The package's process as every run here makes it, not started yet: offscreen on `panel`, from the
+// stick's directory, its line per copied file dropped. Each of `env` sets "NAME=value" or unsets "NAME".
+void preparePackageRun(QProcess& process, const QString& stick, const QString& panel, const QStringList& env)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("KAVO_PANEL_ROOT", panel);
+    environment.insert("QT_QPA_PLATFORM", "offscreen");
+    for (const QString& entry : env) {
+        if (entry.contains(QLatin1Char('=')))
+            environment.insert(entry.section('=', 0, 0), entry.section('=', 1));
+        else
+            environment.remove(entry);
+    }
+    process.setProcessEnvironment(environment);
+    process.setWorkingDirectory(stick);
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.setStandardOutputFile(QProcess::nullDevice());
 }
 
 Tree snapshot(const QString& root)
@@ -421,16 +440,8 @@ void tst_download_e2e::download()
     for (const QString& path : scenario.untouched)
         stampsBefore << QFileInfo(panel + path).lastModified();
 
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("KAVO_PANEL_ROOT", panel);
-    env.insert("QT_QPA_PLATFORM", "offscreen");
-    for (const QString& entry : scenario.env)
-        env.insert(entry.section('=', 0, 0), entry.section('=', 1));
     QProcess process;
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(stick);
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.setStandardOutputFile(QProcess::nullDevice()); // a line per copied file
+    preparePackageRun(process, stick, panel, scenario.env);
     QString program = stick + "/opxupdateu/opxupdateu_proj.bin";
     QStringList arguments{"-s proj"};
     for (const QString& arg : scenario.args + QStringList{scenario.report})
@@ -521,19 +532,10 @@ void tst_download_e2e::childEnvironment()
                                            + "'\nexec /usr/bin/md5sum \"$@\"\n"));
     QVERIFY(QFile::setPermissions(md5sum, QFile::ReadOwner | QFile::ExeOwner));
 
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("KAVO_PANEL_ROOT", panel);
-    env.insert("QT_QPA_PLATFORM", "offscreen");
-    env.insert("PATH", binDir.path() + ':' + env.value("PATH"));
-    if (noGlib.isNull())
-        env.remove("QT_NO_GLIB");
-    else
-        env.insert("QT_NO_GLIB", noGlib);
     QProcess process;
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(stick);
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.setStandardOutputFile(QProcess::nullDevice());
+    preparePackageRun(process, stick, panel,
+                      {"PATH=" + binDir.path() + ':' + qEnvironmentVariable("PATH"),
+                       noGlib.isNull() ? QStringLiteral("QT_NO_GLIB") : "QT_NO_GLIB=" + noGlib});
     process.start(stick + "/opxupdateu/opxupdateu_proj.bin", {"-s proj", "-p " + outDir.path()});
     QVERIFY2(process.waitForFinished(60000), "the run did not end");
     QVERIFY(testenv::readFile(outDir.path() + "/pro_update_result.log").contains((msg(2036) + '\n').toUtf8()));
