@@ -3,6 +3,8 @@
 // to its destination on the panel.
 #include "download/projectdownload.h"
 
+#include "download/chunkwriter.h"
+
 #include "app/constants.h"
 #include "platform/kavo_api.h"
 #include "platform/platform.h"
@@ -14,9 +16,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fcntl.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -27,8 +27,6 @@ namespace {
 // slow stick (at 20 MB/s it takes about 6 ms to read).
 constexpr qint64 kCopyChunk = 128 * 1024;
 constexpr qint64 kEventBytes = 1024;
-// Written data is handed to the disk in pieces of this size.
-constexpr off64_t kWritebackBytes = 1024 * 1024;
 
 constexpr QDir::Filters kAllEntries =
     QDir::Files | QDir::AllDirs | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
@@ -131,7 +129,7 @@ bool ProjectDownload::updateProjectFile()
         return false;
 
     m_inPlace.clear();
-    std::vector<char> buffer(kCopyChunk);
+    ChunkWriter writer(kCopyChunk, [this] { return !keepScreenAlive(); });
     for (const FILE_INFO& info : qAsConst(m_fileList)) {
         const QString source = info.srcPath + info.fileName;
         const QString destination = destinationPath(info);
@@ -169,13 +167,13 @@ bool ProjectDownload::updateProjectFile()
         // panel does not have yet. A destination that still cannot be written
         // shows up in the verification that follows the copy.
         QDir().mkpath(QFileInfo(destination).absolutePath());
-        QFile out(destination);
-        out.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered);
+        writer.open(QFile::encodeName(destination));
 
-        off64_t written = 0;
-        off64_t flushed = 0;
         for (;;) {
-            const qint64 count = in.read(buffer.data(), kCopyChunk);
+            char* buffer = writer.buffer();
+            if (!buffer)
+                return false;
+            const qint64 count = in.read(buffer, kCopyChunk);
             if (count <= 0)
                 break;
             for (qint64 done = 0; done < count; done += kEventBytes) {
@@ -184,20 +182,8 @@ bool ProjectDownload::updateProjectFile()
                     return false;
             }
             m_sinceEvents.start();
-            if (!out.isOpen())
-                continue;
-            out.write(buffer.data(), count);
-            written += count;
-            // The data goes to the disk while the copy goes on, rather than
-            // all of it in the sync after the copy, which would hold the
-            // screen for as long as the disk needs.
-            if (written - flushed >= kWritebackBytes) {
-                sync_file_range(out.handle(), flushed, written - flushed, SYNC_FILE_RANGE_WRITE);
-                flushed = written;
-            }
+            writer.write(count);
         }
-        if (out.isOpen() && written > flushed)
-            sync_file_range(out.handle(), flushed, written - flushed, SYNC_FILE_RANGE_WRITE);
     }
-    return true;
+    return writer.finish();
 }

@@ -7,12 +7,17 @@
 
 #include <QAbstractEventDispatcher>
 
+#include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <memory>
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/mount.h>
 #include <sys/time.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 #include <zlib.h>
 
 namespace {
@@ -134,6 +139,7 @@ private slots:
     void corners();
     void integrityUnderSignals();
     void eventsKeepComing();
+    void eventsWhileDiskStalls();
     void stopHonoured_data();
     void stopHonoured();
     void inPlaceFileVerified();
@@ -327,6 +333,41 @@ void tst_DownloadChecks::eventsKeepComing()
     }
     qputenv("PATH", path);
     QCOMPARE(m_download->events, QStringList());
+}
+
+// A panel disk that takes its time over every write, as flash does once the
+// system's write buffers are full (here a pipe that is read slowly): the copy
+// waits for it with the screen's events still looked at, and every byte
+// arrives.
+void tst_DownloadChecks::eventsWhileDiskStalls()
+{
+    const qint64 size = 1 << 20;
+    QVERIFY(writeZeroProject(size) && m_download->parseIniFile("./proj/v7/project.ini"));
+    const QByteArray destination = QFile::encodeName(m_panel->path("/usr/kavo_app/project/zero.bin"));
+    QVERIFY(QDir().mkpath(m_panel->path("/usr/kavo_app/project")) && mkfifo(destination.constData(), 0600) == 0);
+    // Open for reading and writing, so that neither the copy's open nor this one waits for the other.
+    const int disk = ::open(destination.constData(), O_RDWR | O_CLOEXEC);
+    QVERIFY(disk >= 0);
+    QByteArray arrived;
+    std::thread slowDisk([&] {
+        std::vector<char> chunk(64 << 10);
+        while (arrived.size() < size) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            const ssize_t count = ::read(disk, chunk.data(), chunk.size());
+            if (count <= 0)
+                break;
+            arrived.append(chunk.data(), int(count));
+        }
+    });
+    EventWatch watch;
+    watch.start();
+    const bool copied = runStep("copy");
+    const qint64 longest = watch.longest();
+    slowDisk.join();
+    ::close(disk);
+    QVERIFY(copied);
+    QCOMPARE(arrived, QByteArray(size, '\0'));
+    QVERIFY2(longest <= 50, qPrintable(QString::number(longest)));
 }
 
 // A stop pressed while a file is checked or copied, or while md5sum runs, ends that step at once
