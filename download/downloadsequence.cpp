@@ -343,11 +343,11 @@ void dlgDownLoad::runSequence()
     if (endOnStop())
         return;
     if (!updateProjectFile()) {
-        sync();
+        syncKeepingScreenAlive();
         failDownload(2055);
         return;
     }
-    sync();
+    syncKeepingScreenAlive();
 
     setTextEditContent(msg(2056));
     if (!checkFileCRC(AFTER_DOWNLOAD)) {

@@ -13,7 +13,8 @@
 //                         checkAppIntegrity                       integrity.cpp
 //   disk space            isDiskSpaceEnough, checkUserFileArea    diskspace.cpp
 //   replacement           removeDir, removeOldProjectFiles,
-//                         updateProjectFile                       replacement.cpp
+//                         updateProjectFile,
+//                         syncKeepingScreenAlive                  replacement.cpp
 //
 // The routines report through four channels that the download dialog provides:
 // a progress line in the text pane, the failure report, the button states and a
@@ -162,6 +163,9 @@ public:
     bool removeDir(const QString& path);
     bool removeOldProjectFiles();
     bool updateProjectFile();
+    // The system's sync() after the copy, with the screen alive while the disk
+    // writes what the copy left in the system's buffers.
+    void syncKeepingScreenAlive();
 
     // --- State --------------------------------------------------------------
 

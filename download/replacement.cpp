@@ -15,7 +15,9 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <future>
 #include <unistd.h>
 
 namespace {
@@ -186,4 +188,14 @@ bool ProjectDownload::updateProjectFile()
         }
     }
     return writer.finish();
+}
+
+void ProjectDownload::syncKeepingScreenAlive()
+{
+    // A panel's flash may need seconds for the end of a large copy. The sync
+    // runs on a thread of its own; a stop pressed meanwhile cannot cut it
+    // short and is seen by the step after.
+    std::future<void> synced = std::async(std::launch::async, [] { sync(); });
+    while (synced.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready)
+        keepScreenAlive();
 }
