@@ -10,12 +10,16 @@
 #include <QFile>
 #include <QSettings>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <optional>
+#include <thread>
 #include <vector>
 #include <fcntl.h>
 #include <poll.h>
@@ -33,6 +37,29 @@ namespace {
 // screen's events coming several times per millisecond.
 constexpr qint64 kCrcChunk = 64 * 1024;
 constexpr qint64 kSizeLimit = Q_INT64_C(1) << 32;
+// Files from this size on are read for their checksum in two halves at once.
+constexpr qint64 kSplitBytes = 4 << 20;
+
+// The CRC-32 of `length` bytes of `fd` from `offset` on, read without moving
+// the descriptor's position; nothing when a read fails or `abandon` is set.
+std::optional<uLong> crcOfRange(int fd, qint64 offset, qint64 length, const std::atomic<bool>& abandon)
+{
+    std::vector<char> buffer(kCrcChunk);
+    uLong crc = crc32(0, nullptr, 0);
+    while (length > 0) {
+        if (abandon)
+            return std::nullopt;
+        const ssize_t count = pread(fd, buffer.data(), static_cast<size_t>(qMin(length, kCrcChunk)), offset);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return std::nullopt;
+        crc = crc32(crc, reinterpret_cast<const Bytef*>(buffer.data()), static_cast<uInt>(count));
+        offset += count;
+        length -= count;
+    }
+    return crc;
+}
 
 // The working directory at construction, taken back on destruction. Held as a
 // descriptor so that it is found again even if its path cannot be printed.
@@ -262,9 +289,29 @@ bool ProjectDownload::CalcFileCrc(const std::string& path, unsigned int& crc)
     if (!file.exists() || !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         return false;
 
-    qint64 remaining = file.size();
+    const qint64 size = file.size();
     if (!file.seek(0))
         return false;
+
+    // A large file is read in two halves at once where there are two
+    // processors: the second half on a thread of its own, its checksum joined
+    // to the first's afterwards.
+    qint64 remaining = size;
+    std::atomic<bool> abandon(false);
+    std::future<std::optional<uLong>> secondHalf;
+    if (size >= kSplitBytes && std::thread::hardware_concurrency() > 1) {
+        remaining = size / 2;
+        secondHalf = std::async(std::launch::async, crcOfRange, file.handle(), remaining, size - remaining,
+                                std::cref(abandon));
+    }
+    // Ends the second half's reading before the file closes.
+    const auto giveUp = [&] {
+        abandon = true;
+        if (secondHalf.valid())
+            secondHalf.wait();
+        crc = 0;
+        return false;
+    };
 
     // A large file on a stick takes seconds to read, and so do many small
     // ones: the screen and the stop button stay alive meanwhile. A stop gives
@@ -272,19 +319,24 @@ bool ProjectDownload::CalcFileCrc(const std::string& path, unsigned int& crc)
     std::vector<char> buffer(kCrcChunk);
     while (remaining > 0) {
         const qint64 count = qMin(remaining, kCrcChunk);
-        if (file.read(buffer.data(), count) != count) {
-            file.close();
-            crc = 0;
-            return false;
-        }
+        if (file.read(buffer.data(), count) != count)
+            return giveUp();
         crc = static_cast<unsigned int>(
             crc32(crc, reinterpret_cast<const Bytef*>(buffer.data()), static_cast<uInt>(count)));
         remaining -= count;
-        if (keepScreenAlive()) {
-            crc = 0;
-            return false;
-        }
+        if (keepScreenAlive())
+            return giveUp();
     }
+    if (!secondHalf.valid())
+        return true;
+    while (secondHalf.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) {
+        if (keepScreenAlive())
+            return giveUp();
+    }
+    const std::optional<uLong> second = secondHalf.get();
+    if (!second)
+        return giveUp();
+    crc = static_cast<unsigned int>(crc32_combine64(crc, *second, size - size / 2));
     return true;
 }
 

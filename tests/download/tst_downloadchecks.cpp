@@ -147,6 +147,8 @@ private slots:
     void readings();
     void corners();
     void integrityUnderSignals();
+    void fileCrc_data();
+    void fileCrc();
     void eventsKeepComing();
     void eventsWhileDiskStalls();
     void eventsWhileSyncing();
@@ -304,6 +306,32 @@ void tst_DownloadChecks::integrityUnderSignals()
     sigaction(SIGALRM, &previous, nullptr);
     qputenv("PATH", path);
     QVERIFY(!passed);
+}
+
+// A file's CRC-32 is zlib's over all of it, whether it is read in one piece or,
+// from 4 MiB on, in two halves at once; a missing file gives none.
+void tst_DownloadChecks::fileCrc_data()
+{
+    QTest::addColumn<qint64>("size");
+    for (const qint64 size : {Q_INT64_C(0), Q_INT64_C(1), Q_INT64_C(65537), (Q_INT64_C(4) << 20) - 1,
+                              Q_INT64_C(4) << 20, (Q_INT64_C(4) << 20) + 1, (Q_INT64_C(9) << 20) + 7})
+        QTest::addRow("%lld bytes", size) << size;
+}
+
+void tst_DownloadChecks::fileCrc()
+{
+    QFETCH(qint64, size);
+    QByteArray data(int(size), Qt::Uninitialized);
+    QRandomGenerator generator{quint32(size)};
+    for (char& byte : data)
+        byte = char(generator.generate());
+    QVERIFY(testenv::writeFile("data.bin", data));
+    unsigned int crc = 1;
+    QVERIFY(m_download->CalcFileCrc("data.bin", crc));
+    QCOMPARE(crc, uint(crc32(0, reinterpret_cast<const Bytef*>(data.constData()), uInt(data.size()))));
+
+    QVERIFY(!m_download->CalcFileCrc("missing.bin", crc));
+    QCOMPARE(crc, 0u);
 }
 
 bool tst_DownloadChecks::runStep(const QString& step)
