@@ -34,6 +34,10 @@ ChunkWriter::~ChunkWriter()
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        // Whatever is still queued belongs to a copy given up, by a stop most
+        // often: only the chunk being written is finished, so that a disk
+        // that makes writes wait does not hold the screen any longer.
+        m_jobs.clear();
         m_jobs.push_back(Job{Job::Close, {}, nullptr, 0});
         m_quit = true;
     }

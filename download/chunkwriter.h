@@ -28,7 +28,8 @@ public:
     using Idle = std::function<bool()>;
 
     ChunkWriter(qint64 chunkSize, Idle idle);
-    // Writes and closes what is queued, then ends the thread.
+    // Finishes the chunk being written, drops the rest of the queue, closes
+    // the destination and ends the thread: finish() first to keep everything.
     ~ChunkWriter();
     ChunkWriter(const ChunkWriter&) = delete;
     ChunkWriter& operator=(const ChunkWriter&) = delete;

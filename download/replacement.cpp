@@ -160,6 +160,8 @@ bool ProjectDownload::updateProjectFile()
 
         QFile in(source);
         if (!in.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+            // The files before it are left written whole.
+            writer.finish();
             setBntEnable(false, false, true);
             setTextEditContent(msg(2054));
             return false;

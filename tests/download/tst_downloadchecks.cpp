@@ -7,6 +7,7 @@
 
 #include <QAbstractEventDispatcher>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -150,8 +151,10 @@ private slots:
     void fileCrc_data();
     void fileCrc();
     void eventsKeepComing();
+    void eventsWhileDiskStalls_data();
     void eventsWhileDiskStalls();
     void eventsWhileSyncing();
+    void fullDisk();
     void stopHonoured_data();
     void stopHonoured();
     void inPlaceFileVerified();
@@ -376,36 +379,62 @@ void tst_DownloadChecks::eventsKeepComing()
 // A panel disk that takes its time over every write, as flash does once the
 // system's write buffers are full (here a pipe that is read slowly): the copy
 // waits for it with the screen's events still looked at, and every byte
-// arrives.
+// arrives. A stop pressed meanwhile ends the copy after the chunk being
+// written, not after all that was queued.
+void tst_DownloadChecks::eventsWhileDiskStalls_data()
+{
+    QTest::addColumn<bool>("stop");
+    QTest::newRow("copied whole") << false;
+    QTest::newRow("stop pressed") << true;
+}
+
 void tst_DownloadChecks::eventsWhileDiskStalls()
 {
+    QFETCH(bool, stop);
     const qint64 size = 1 << 20;
     QVERIFY(writeZeroProject(size) && m_download->parseIniFile("./proj/v7/project.ini"));
     const QByteArray destination = QFile::encodeName(m_panel->path("/usr/kavo_app/project/zero.bin"));
     QVERIFY(QDir().mkpath(m_panel->path("/usr/kavo_app/project")) && mkfifo(destination.constData(), 0600) == 0);
-    // Open for reading and writing, so that neither the copy's open nor this one waits for the other.
-    const int disk = ::open(destination.constData(), O_RDWR | O_CLOEXEC);
+    // Open for reading and writing, so that neither the copy's open nor this
+    // one waits for the other; not blocking, so that the disk sees when the
+    // copy has ended and nothing more comes.
+    const int disk = ::open(destination.constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     QVERIFY(disk >= 0);
     QByteArray arrived;
+    std::atomic<bool> ended(false);
     std::thread slowDisk([&] {
         std::vector<char> chunk(64 << 10);
-        while (arrived.size() < size) {
+        for (;;) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            const bool last = ended;
             const ssize_t count = ::read(disk, chunk.data(), chunk.size());
-            if (count <= 0)
+            if (count > 0)
+                arrived.append(chunk.data(), int(count));
+            else if (last)
                 break;
-            arrived.append(chunk.data(), int(count));
         }
     });
+    QTimer::singleShot(250, [&] { m_download->m_stop = stop; });
     EventWatch watch;
     watch.start();
+    QElapsedTimer took;
+    took.start();
     const bool copied = runStep("copy");
     const qint64 longest = watch.longest();
+    const qint64 elapsed = took.elapsed();
+    ended = true;
     slowDisk.join();
     ::close(disk);
-    QVERIFY(copied);
-    QCOMPARE(arrived, QByteArray(size, '\0'));
+    QCOMPARE(copied, !stop);
     QVERIFY2(longest <= 50, qPrintable(QString::number(longest)));
+    if (!stop) {
+        QCOMPARE(arrived, QByteArray(size, '\0'));
+        return;
+    }
+    // Two chunks and the pipe's buffer at most, without the four queued.
+    QVERIFY2(arrived.size() <= 320 << 10, qPrintable(QString::number(arrived.size())));
+    QVERIFY2(elapsed < 700, qPrintable(QString::number(elapsed)));
+    QVERIFY(arrived.count('\0') == arrived.size());
 }
 
 // The sync after the copy with much still in the system's write buffers, which
@@ -426,6 +455,21 @@ void tst_DownloadChecks::eventsWhileSyncing()
     const qint64 longest = watch.longest();
     QVERIFY2(dirtyKiB() < (128 << 10), qPrintable(QString::number(dirtyKiB())));
     QVERIFY2(longest <= 50, qPrintable(QString::number(longest)));
+}
+
+// A disk that is full when the copy writes (here the system's full device):
+// the copy goes on to its end, and the verification after it finds the file
+// that is not what the package holds.
+void tst_DownloadChecks::fullDisk()
+{
+    if (!QFileInfo::exists("/dev/full"))
+        QSKIP("no /dev/full here");
+    QVERIFY(writeZeroProject(1 << 20) && m_download->parseIniFile("./proj/v7/project.ini"));
+    QVERIFY(QDir().mkpath(m_panel->path("/usr/kavo_app/project"))
+            && QFile::link("/dev/full", m_panel->path("/usr/kavo_app/project/zero.bin")));
+    QVERIFY(runStep("copy"));
+    QVERIFY(!runStep("panel check"));
+    QCOMPARE(m_download->events, QStringList{"text: " + msg(2017)});
 }
 
 // A stop pressed while a file is checked or copied, or while md5sum runs, ends that step at once
