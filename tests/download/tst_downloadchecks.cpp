@@ -150,6 +150,7 @@ private slots:
     void integrityUnderSignals();
     void fileCrc_data();
     void fileCrc();
+    void stickPulledWhileChecked();
     void eventsKeepComing();
     void eventsWhileDiskStalls_data();
     void eventsWhileDiskStalls();
@@ -335,6 +336,19 @@ void tst_DownloadChecks::fileCrc()
 
     QVERIFY(!m_download->CalcFileCrc("missing.bin", crc));
     QCOMPARE(crc, 0u);
+}
+
+// A package file that loses its data while its checksum is taken, as when the
+// stick is pulled: both halves of its reading give up, and the file has no
+// checksum rather than that of what could be read.
+void tst_DownloadChecks::stickPulledWhileChecked()
+{
+    QVERIFY(writeZeroProject(256 << 20));
+    QTimer::singleShot(0, [] { QFile::resize("proj/v7/zero.bin", 0); });
+    unsigned int crc = 1;
+    QVERIFY(!m_download->CalcFileCrc("proj/v7/zero.bin", crc));
+    QCOMPARE(crc, 0u);
+    QCOMPARE(QFileInfo("proj/v7/zero.bin").size(), 0);
 }
 
 bool tst_DownloadChecks::runStep(const QString& step)
