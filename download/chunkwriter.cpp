@@ -20,11 +20,10 @@ constexpr qint64 kWritebackBytes = 1024 * 1024;
 } // namespace
 
 ChunkWriter::ChunkWriter(qint64 chunkSize, Idle idle)
-    : m_chunkSize(chunkSize)
-    , m_idle(std::move(idle))
+    : m_idle(std::move(idle))
 {
     for (int i = 0; i < kBuffers; ++i) {
-        m_buffers.emplace_back(new char[static_cast<size_t>(m_chunkSize)]);
+        m_buffers.emplace_back(new char[static_cast<size_t>(chunkSize)]);
         m_free.push_back(m_buffers.back().get());
     }
     m_thread = std::thread(&ChunkWriter::run, this);

@@ -69,7 +69,6 @@ private:
     // milliseconds; false when m_idle returned false.
     bool wait(std::unique_lock<std::mutex>& lock, const std::function<bool()>& ready);
 
-    const qint64 m_chunkSize;
     const Idle m_idle;
     std::vector<std::unique_ptr<char[]>> m_buffers;
 
