@@ -164,6 +164,8 @@ private slots:
     void freeSpace();
 
 private:
+    // Where the copy puts the package's zero.bin on the panel, its directory made.
+    QString zeroCopyPath();
     // One long step of a download, by name; true when it went through.
     bool runStep(const QString& step);
 
@@ -351,6 +353,12 @@ void tst_DownloadChecks::stickPulledWhileChecked()
     QCOMPARE(QFileInfo("proj/v7/zero.bin").size(), 0);
 }
 
+QString tst_DownloadChecks::zeroCopyPath()
+{
+    const QString directory = m_panel->path("/usr/kavo_app/project");
+    return QDir().mkpath(directory) ? directory + "/zero.bin" : QString();
+}
+
 bool tst_DownloadChecks::runStep(const QString& step)
 {
     if (step == "package check")
@@ -417,8 +425,8 @@ void tst_DownloadChecks::eventsWhileDiskStalls()
     QFETCH(bool, stop);
     const qint64 size = 1 << 20;
     QVERIFY(writeZeroProject(size) && m_download->parseIniFile("./proj/v7/project.ini"));
-    const QByteArray destination = QFile::encodeName(m_panel->path("/usr/kavo_app/project/zero.bin"));
-    QVERIFY(QDir().mkpath(m_panel->path("/usr/kavo_app/project")) && mkfifo(destination.constData(), 0600) == 0);
+    const QByteArray destination = QFile::encodeName(zeroCopyPath());
+    QVERIFY(mkfifo(destination.constData(), 0600) == 0);
     // Open for reading and writing, so that neither the copy's open nor this
     // one waits for the other; not blocking, so that the disk sees when the
     // copy has ended and nothing more comes.
@@ -496,8 +504,7 @@ void tst_DownloadChecks::fullDisk()
     if (!QFileInfo::exists("/dev/full"))
         QSKIP("no /dev/full here");
     QVERIFY(writeZeroProject(1 << 20) && m_download->parseIniFile("./proj/v7/project.ini"));
-    QVERIFY(QDir().mkpath(m_panel->path("/usr/kavo_app/project"))
-            && QFile::link("/dev/full", m_panel->path("/usr/kavo_app/project/zero.bin")));
+    QVERIFY(QFile::link("/dev/full", zeroCopyPath()));
     QVERIFY(runStep("copy"));
     QVERIFY(!runStep("panel check"));
     QCOMPARE(m_download->events, QStringList{"text: " + msg(2017)});
@@ -518,11 +525,10 @@ void tst_DownloadChecks::stopHonoured()
     QFETCH(QString, step);
     QVERIFY(writeZeroProject(Q_INT64_C(3) << 30) && writeSlowMd5sum("30"));
     QVERIFY(m_download->parseIniFile("./proj/v7/project.ini"));
-    const QString copy = m_panel->path("/usr/kavo_app/project/zero.bin");
+    const QString copy = zeroCopyPath();
     if (step == "panel check") {
         QFile panelCopy(copy);
-        QVERIFY(QDir().mkpath(QFileInfo(copy).path()) && panelCopy.open(QIODevice::WriteOnly)
-                && panelCopy.resize(Q_INT64_C(3) << 30));
+        QVERIFY(panelCopy.open(QIODevice::WriteOnly) && panelCopy.resize(Q_INT64_C(3) << 30));
     }
     if (step == "md5sum package")
         QVERIFY(kit::writeScrambled("rt/update.ini", "####\n[PREPARE]\nversion=7.2.1\n"));
